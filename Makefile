@@ -1,0 +1,40 @@
+# Thin wrapper over CMake. The two commands a newcomer needs: `make demo`, `make test`.
+JOBS       ?= $(shell nproc)
+CTEST_JOBS ?= 8
+CMAKE_ARGS ?=
+
+.PHONY: all bootstrap build test test-main asan tsan clean
+
+all: build
+
+bootstrap:
+	@tools/bootstrap.sh
+
+build:
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	cmake --build build -j$(JOBS)
+
+test-main: build
+	ctest --test-dir build --output-on-failure -j$(CTEST_JOBS)
+
+# ASan + UBSan build running the whole suite.
+asan:
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTOLVARIND_SANITIZE=address $(CMAKE_ARGS)
+	cmake --build build-asan -j$(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir build-asan --output-on-failure -j$(CTEST_JOBS)
+
+# ThreadSanitizer build running the tests labelled `tsan` (channel and daemon).
+tsan:
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DTOLVARIND_SANITIZE=thread $(CMAKE_ARGS)
+	cmake --build build-tsan -j$(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --test-dir build-tsan --output-on-failure -j$(CTEST_JOBS) -L tsan
+
+test: bootstrap
+	$(MAKE) test-main
+	$(MAKE) asan
+	$(MAKE) tsan
+
+clean:
+	rm -rf build build-asan build-tsan
