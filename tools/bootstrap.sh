@@ -16,11 +16,15 @@ missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+
+# The tests hide this directory behind a tmpfs, so it must exist to be hidden.
+[ -d /usr/share/applications ] || $sudo mkdir -p /usr/share/applications
+
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 echo "bootstrap: installing ${missing[*]}"
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
