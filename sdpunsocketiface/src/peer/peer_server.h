@@ -102,6 +102,8 @@ class PeerServer {
   // client's next receive sees end of stream and its next send fails.
   // Unread bytes of that connection are dropped. No-op when none is open.
   void CloseConnection();
+  // CloseConnection() for every open connection.
+  void CloseAllConnections();
 
   // Sending, to the current connection. False when none is open, on a send
   // error, or when the client does not take the bytes within `timeout`.
