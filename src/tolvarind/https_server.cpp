@@ -1,0 +1,234 @@
+// The loopback HTTPS endpoint of the client object: a TLS server on 127.0.0.1
+// that relays the query string of every request to the peer daemon and answers
+// with a fixed page. The start-up sequence never runs it; a caller gives it a
+// thread of its own (the executable's --https-endpoint switch does).
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/bufferevent_ssl.h>
+#include <event2/event.h>
+#include <event2/event_compat.h>
+#include <event2/http.h>
+#include <event2/thread.h>
+#include <glog/logging.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+#include "CSComm.h"
+#include "inifile.h"
+#include "sdp_paths.h"
+#include "signals.h"
+#include "tcp_client.h"
+#include "tolvarind.h"
+
+namespace {
+
+template <auto Free>
+struct FreeWith {
+  template <typename T>
+  void operator()(T* p) const {
+    Free(p);
+  }
+};
+using EventBasePtr = std::unique_ptr<event_base, FreeWith<event_base_free>>;
+using EvhttpPtr = std::unique_ptr<evhttp, FreeWith<evhttp_free>>;
+using UriPtr = std::unique_ptr<evhttp_uri, FreeWith<evhttp_uri_free>>;
+using SslCtxPtr = std::unique_ptr<SSL_CTX, FreeWith<SSL_CTX_free>>;
+using BioPtr = std::unique_ptr<BIO, FreeWith<BIO_free>>;
+using X509Ptr = std::unique_ptr<X509, FreeWith<X509_free>>;
+using PkeyPtr = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
+using FilePtr = std::unique_ptr<FILE, FreeWith<fclose>>;
+
+constexpr char kListenAddress[] = "127.0.0.1";
+constexpr int kDefaultPort = 7103;
+// Fixed in this product; a "GMSSL" protocol would read the "GMCert" section.
+constexpr char kProtocol[] = "TLSSL";
+constexpr int kNameSize = 1024;
+// One more than the largest query relayed; the writer cuts anything above its
+// own frame limit with a WARNING.
+constexpr int kQueryBufferSize = 64511;
+constexpr char kReplyPage[] = "<html><body><p>https server</p></body></html>";
+
+// Installs signal_handler for SIGINT for one run of the endpoint. On the way
+// out the earlier SIGINT action comes back before shutdown_handler is emptied,
+// so a late SIGINT reaches neither the ended loop nor an empty handler.
+class SigintScope {
+ public:
+  SigintScope() {
+    struct sigaction act {};
+    act.sa_handler = signal_handler;
+    sigemptyset(&act.sa_mask);
+    act.sa_flags = 0;
+    sigaction(SIGINT, &act, &previous_);
+  }
+  ~SigintScope() {
+    sigaction(SIGINT, &previous_, nullptr);
+    shutdown_handler = nullptr;
+  }
+  SigintScope(const SigintScope&) = delete;
+  SigintScope& operator=(const SigintScope&) = delete;
+
+ private:
+  struct sigaction previous_ {};
+};
+
+// SIGINT may land on any thread of the daemon; with libevent's locking on, a
+// loop exit asked for from another thread wakes the loop at once.
+void UseLibeventThreads() {
+  static const int once = evthread_use_pthreads();
+  (void)once;
+}
+
+// OpenSSL's *_file loaders open with plain fopen(), and the endpoint runs
+// beside a thread that forks shell commands: read the PEM through a
+// close-on-exec stream instead. Same parsing, same password callback.
+BioPtr OpenPem(const char* path, FilePtr& file) {
+  file.reset(fopen(path, "re"));
+  return BioPtr(file ? BIO_new_fp(file.get(), BIO_NOCLOSE) : nullptr);
+}
+
+void UseCertificatePem(SSL_CTX* ctx, const char* path) {
+  FilePtr file;
+  BioPtr bio = OpenPem(path, file);
+  if (!bio) return;
+  X509Ptr cert(PEM_read_bio_X509(bio.get(), nullptr, SSL_CTX_get_default_passwd_cb(ctx),
+                                 SSL_CTX_get_default_passwd_cb_userdata(ctx)));
+  if (cert) SSL_CTX_use_certificate(ctx, cert.get());
+}
+
+void UsePrivateKeyPem(SSL_CTX* ctx, const char* path) {
+  FilePtr file;
+  BioPtr bio = OpenPem(path, file);
+  if (!bio) return;
+  PkeyPtr key(PEM_read_bio_PrivateKey(bio.get(), nullptr, SSL_CTX_get_default_passwd_cb(ctx),
+                                      SSL_CTX_get_default_passwd_cb_userdata(ctx)));
+  if (key) SSL_CTX_use_PrivateKey(ctx, key.get());
+}
+
+// "<cert dir>/<name>", where the name comes from certinfo.ini or `def`.
+std::string CertFilePath(const char* section, const char* key, const char* def) {
+  char name[kNameSize] = {};
+  ReadStringFromIni(sdp_paths::kCertinfoIni, section, key, name, sizeof name, def);
+  std::string path = std::string(sdp_paths::kCertDir) + "/" + name;
+  if (path.size() >= kNameSize) path.resize(kNameSize - 1);
+  return path;
+}
+
+}  // namespace
+
+int tolvarind::start_https_server() {
+  // Declared before the SIGINT scope so that it is freed after SIGINT has
+  // stopped pointing at it.
+  EventBasePtr base;
+  SigintScope sigint;
+  LOG(INFO) << "Comm::start_https_server";
+
+  UseLibeventThreads();
+  base.reset(event_init());
+  if (!base) {
+    LOG(ERROR) << "Failed to init libevent.";
+    return -1;
+  }
+  shutdown_handler = [&base](int) { event_base_loopexit(base.get(), nullptr); };
+
+  SslCtxPtr ctx(SSL_CTX_new(TLS_server_method()));
+  if (!ctx) {
+    LOG(ERROR) << "Failed to create SSL context.";
+    return -1;
+  }
+  SSL_CTX_set_options(ctx.get(), SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1);
+  // Ephemeral ECDH on P-256 only. This is what the temporary-ECDH control does
+  // with a P-256 key (it keeps just the key's curve as the group list), without
+  // the EC_KEY calls that OpenSSL 3 deprecates.
+  int curve = NID_X9_62_prime256v1;
+  SSL_CTX_set1_groups(ctx.get(), &curve, 1);
+
+  LOG(INFO) << "Current encryption protocol is:" << kProtocol;
+  const char* section = strstr(kProtocol, "GMSSL") != nullptr ? "GMCert" : "Cert";
+  const std::string cert = CertFilePath(section, "CliCertName", "SDProot.crt");
+  LOG(INFO) << "client cert:" << cert;
+  const std::string key = CertFilePath(section, "CliKeyName", "SDProot.key");
+  LOG(INFO) << "client key:" << key;
+  // A missing or unreadable file shows up only through the key check below.
+  UseCertificatePem(ctx.get(), cert.c_str());
+  UsePrivateKeyPem(ctx.get(), key.c_str());
+  if (SSL_CTX_check_private_key(ctx.get()) != 1) {
+    LOG(ERROR) << "Failed to load private key file.";
+    return -1;
+  }
+  // A stale entry would make the first handshake's error check misread it.
+  ERR_clear_error();
+
+  EvhttpPtr http(evhttp_new(base.get()));
+  if (!http) {
+    LOG(ERROR) << "Failed to init http server.";
+    return -1;
+  }
+  evhttp_set_bevcb(http.get(), create_ssl_bufferevent, ctx.get());
+  evhttp_set_gencb(http.get(), handle_https_request, this);
+
+  int port = kDefaultPort;
+  ReadIntFromIni(sdp_paths::kSyscfgIni, "Pelgrane", "vrekhttpsport", port, kDefaultPort);
+  if (evhttp_bind_socket(http.get(), kListenAddress, static_cast<uint16_t>(port)) != 0) {
+    // Deliberately not fatal: the loop then has nothing to wait for and ends.
+    LOG(ERROR) << "Failed to bind to port";
+  }
+  if (event_base_dispatch(base.get()) != 0) LOG(ERROR) << "Failed to run message loop.";
+  std::cout << "Exiting." << std::endl;
+  return 0;  // frees the server, the context, then (after SIGINT) the base
+}
+
+struct bufferevent* tolvarind::create_ssl_bufferevent(struct event_base* base, void* arg) {
+  SSL* ssl = SSL_new(static_cast<SSL_CTX*>(arg));
+  if (ssl == nullptr) {
+    // Only when memory runs out. evhttp then serves this one connection
+    // without TLS, which gives a local client nothing it could not get anyway.
+    LOG(ERROR) << "Failed to create SSL object.";
+    return nullptr;
+  }
+  return bufferevent_openssl_socket_new(base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING,
+                                        BEV_OPT_CLOSE_ON_FREE | BEV_OPT_DEFER_CALLBACKS);
+}
+
+void tolvarind::handle_https_request(struct evhttp_request* req, void* arg) {
+  auto* self = static_cast<tolvarind*>(arg);
+  if (self == nullptr) {
+    LOG(ERROR) << "got client failed";
+    return;
+  }
+  UriPtr uri(evhttp_uri_parse(evhttp_request_get_uri(req)));
+  if (!uri) {
+    LOG(ERROR) << "It's not a good URI. Sending BADREQUEST";
+    evhttp_send_error(req, HTTP_BADREQUEST, nullptr);
+    return;
+  }
+  const char* query = evhttp_uri_get_query(uri.get());
+  if (query == nullptr) {
+    // Deliberately unanswered: the request stays open until the client leaves.
+    LOG(ERROR) << "got query failed";
+    return;
+  }
+  LOG(INFO) << "got query:" << query;
+
+  // Relayed raw (never URL-decoded), with its NUL; the reply does not depend on
+  // whether the peer got it.
+  char text[kQueryBufferSize] = {};
+  snprintf(text, sizeof text, "%s", query);
+  self->m_tcpClient->SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HTTPS_QUERY, text,
+                                 static_cast<int>(strlen(text)) + 1);
+
+  struct evbuffer* out = evhttp_request_get_output_buffer(req);
+  if (out == nullptr) {
+    LOG(ERROR) << "evhttp_request_get_output_buffer faild";
+    return;
+  }
+  evbuffer_add(out, kReplyPage, sizeof kReplyPage - 1);
+  evhttp_send_reply(req, HTTP_OK, "OK", out);
+}
