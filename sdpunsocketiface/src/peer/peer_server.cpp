@@ -60,7 +60,9 @@ struct PeerServer::Conn {
 
   const int fd;  // non-blocking; closed when the last holder lets go
   const uint64_t id;
-  std::timed_mutex send_mu;  // keeps the bytes of one send call together
+  // Keeps the bytes of one send call together. A plain mutex: its holder gives
+  // up by its own deadline, so waiting for it is bounded too.
+  std::mutex send_mu;
   std::string inbuf;         // bytes not yet cut into frames; I/O thread only
 };
 
@@ -372,8 +374,7 @@ bool PeerServer::SendBytes(const std::string& bytes, Millis timeout) {
   const Deadline deadline = std::chrono::steady_clock::now() + timeout;
   auto conn = Current();
   if (!conn) return false;
-  std::unique_lock<std::timed_mutex> lock(conn->send_mu, deadline);
-  if (!lock.owns_lock()) return false;
+  std::lock_guard<std::mutex> lock(conn->send_mu);
   size_t off = 0;
   while (off < bytes.size()) {
     ssize_t n = ::send(conn->fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -286,8 +286,8 @@ TEST_F(Channel, ReceiveWithoutConnectionReturnsAtOnceAndQuietly) {
 
 TEST_F(Channel, ConcurrentSendersAndReceiverKeepEveryFrameWhole) {
   Connect();
-  constexpr int kPerSender = 100;
-  constexpr int kToClient = 100;
+  constexpr int kPerSender = 60;
+  constexpr int kToClient = 60;
   constexpr unsigned short kTags[] = {0x2001, 0x2002};
   constexpr unsigned short kDown = 0x3003;
 
