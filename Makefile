@@ -3,7 +3,7 @@ JOBS       ?= $(shell nproc)
 CTEST_JOBS ?= 8
 CMAKE_ARGS ?=
 
-.PHONY: all bootstrap build test test-main asan tsan clean
+.PHONY: all bootstrap build test test-main asan tsan clean demo package
 
 all: build
 
@@ -35,6 +35,21 @@ test: bootstrap
 	$(MAKE) test-main
 	$(MAKE) asan
 	$(MAKE) tsan
+
+# The demo and the package build only what they need, in BUILD_DIR.
+BUILD_DIR ?= build
+
+# The real daemon against the peer simulator, in a private namespace (tools/demo/demo.sh).
+demo: bootstrap
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	cmake --build $(BUILD_DIR) -j$(JOBS) --target tolvarind ventrald-sim
+	tools/demo/demo.sh $(BUILD_DIR)
+
+# The Debian package, written to $(BUILD_DIR) (docs/packaging.md).
+package: bootstrap
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	cmake --build $(BUILD_DIR) -j$(JOBS) --target tolvarind
+	cd $(BUILD_DIR) && cpack
 
 clean:
 	rm -rf build build-asan build-tsan

@@ -1,0 +1,92 @@
+# Installation layout and the Debian package (CPack).
+#
+#   /usr/bin/tolvarind                          the daemon
+#   /usr/lib/systemd/system/tolvarind.service   its unit (runs as root, restarts it)
+#   /usr/share/doc/tolvarind/                   README and docs/*.md
+#   /opt/apps/morvasta/log/                     empty; glog writes here and does not create it
+#
+# The paths the daemon itself uses are read from sdp_paths.h, so that they are
+# written down once. docs/packaging.md explains the choices.
+
+# A system service: default to /usr, as Debian packages do, so that a plain
+# `cmake --install` and the .deb put the binary where the unit looks for it.
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+  set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Install prefix" FORCE)
+endif()
+include(GNUInstallDirs)
+
+function(tolvarind_fixed_path out name)
+  file(STRINGS ${PROJECT_SOURCE_DIR}/sdpcommon/include/sdp_paths.h line
+       REGEX "constexpr char ${name}\\[\\] = \"")
+  string(REGEX REPLACE ".*= \"([^\"]*)\".*" "\\1" value "${line}")
+  if(value STREQUAL "" OR value STREQUAL "${line}")
+    message(FATAL_ERROR "sdp_paths.h has no ${name}")
+  endif()
+  set(${out} "${value}" PARENT_SCOPE)
+endfunction()
+
+tolvarind_fixed_path(TOLVARIND_LOG_DIR kLogDir)
+tolvarind_fixed_path(TOLVARIND_INSTALL_DIR kInstallDir)
+tolvarind_fixed_path(TOLVARIND_CFS_DIR kCfsDir)
+tolvarind_fixed_path(TOLVARIND_SYSTEM_APPS_DIR kSystemApplicationsDir)
+tolvarind_fixed_path(TOLVARIND_HOME_DIR kHomeDir)
+string(REGEX REPLACE "/$" "" TOLVARIND_SYSTEM_APPS_DIR "${TOLVARIND_SYSTEM_APPS_DIR}")
+string(REGEX REPLACE "/$" "" TOLVARIND_HOME_DIR "${TOLVARIND_HOME_DIR}")
+
+set(TOLVARIND_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
+    "Where the systemd unit goes, relative to the install prefix")
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/tolvarind.service.in
+               ${PROJECT_BINARY_DIR}/packaging/tolvarind.service @ONLY)
+
+if(TARGET tolvarind)
+  install(TARGETS tolvarind RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+endif()
+install(FILES ${PROJECT_BINARY_DIR}/packaging/tolvarind.service
+        DESTINATION ${TOLVARIND_SYSTEMD_UNIT_DIR} COMPONENT runtime)
+file(GLOB TOLVARIND_DOCS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${TOLVARIND_DOCS}
+        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
+install(DIRECTORY DESTINATION ${TOLVARIND_LOG_DIR} COMPONENT runtime
+        DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+                              GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME tolvarind)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "tolvarind maintainers <root@localhost>" CACHE STRING
+    "Maintainer field of the Debian package")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+    "desktop-session client of the SDP sandbox: runs the peer daemon's commands, keeps launchers")
+set(CPACK_PACKAGE_DESCRIPTION
+    "tolvarind connects to the local peer daemon ventrald over a Unix socket, registers the\n\
+session's sandbox, sends heartbeats, runs the commands the peer pushes and keeps the\n\
+desktop launchers of the granted applications in step with the policy.")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+# Only what the rules above install: no test or tool binaries.
+set(CPACK_COMPONENTS_ALL runtime)
+set(CPACK_DEB_COMPONENT_INSTALL OFF)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# Runtime libraries come from dpkg-shlibdeps on the linked binary.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The illegal-access notification runs notify-send.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libnotify-bin")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_LIST_DIR}/debian/postinst
+    ${CMAKE_CURRENT_LIST_DIR}/debian/prerm
+    ${CMAKE_CURRENT_LIST_DIR}/debian/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+include(CPack)
+
+# The package test builds its own copy of the package with the CPack
+# configuration above and looks inside it; a sanitizer build is no package.
+if(TOLVARIND_BUILD_TESTS AND TARGET tolvarind AND TOLVARIND_SANITIZE STREQUAL "")
+  add_test(NAME package_contents
+           COMMAND ${CMAKE_CURRENT_LIST_DIR}/test_package.sh ${PROJECT_BINARY_DIR} $<TARGET_FILE:tolvarind>
+                   ${CMAKE_INSTALL_PREFIX} ${TOLVARIND_SYSTEMD_UNIT_DIR} ${TOLVARIND_LOG_DIR})
+  set_tests_properties(package_contents PROPERTIES TIMEOUT 120)
+endif()

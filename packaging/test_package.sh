@@ -1,0 +1,145 @@
+#!/usr/bin/env bash
+# Package test: builds the .deb from a configured build tree into a scratch
+# directory, unpacks it into a throwaway root with dpkg -x, and checks what an
+# operator would get. Nothing outside the scratch directory is written.
+#
+# Usage: test_package.sh BUILD_DIR DAEMON_BINARY INSTALL_PREFIX UNIT_DIR LOG_DIR
+set -euo pipefail
+
+build=$1 daemon=$2 prefix=$3 unitdir=$4 logdir=$5
+src=$(cd "$(dirname "$0")/.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
+pass() { echo "ok: $*"; }
+
+if ! cpack --config "$build/CPackConfig.cmake" -B "$work/out" >"$work/cpack.log" 2>&1; then
+  cat "$work/cpack.log" >&2
+  echo "FAIL: cpack" >&2
+  exit 1
+fi
+debs=("$work"/out/*.deb)
+[ ${#debs[@]} -eq 1 ] && [ -f "${debs[0]}" ] || { echo "FAIL: expected one .deb, got: ${debs[*]}" >&2; exit 1; }
+deb=${debs[0]}
+root=$work/root
+dpkg-deb -x "$deb" "$root"
+dpkg-deb -e "$deb" "$work/control"
+echo "package: $(basename "$deb")"
+
+bin=$prefix/bin/tolvarind
+unit=$prefix/$unitdir/tolvarind.service
+docdir=$prefix/share/doc/tolvarind
+
+# Exactly these files, nothing else (no test or tool binaries, no stray docs).
+{
+  echo "$bin"
+  echo "$unit"
+  echo "$docdir/README.md"
+  for d in "$src"/docs/*.md; do [ -e "$d" ] && echo "$docdir/$(basename "$d")"; done
+} | sort >"$work/want"
+(cd "$root" && find . \( -type f -o -type l \) | sed 's|^\.||' | sort) >"$work/got"
+if diff -u "$work/want" "$work/got" >"$work/files.diff"; then
+  pass "file list ($(wc -l <"$work/got") files)"
+else
+  fail "file list differs (- expected, + in package):"; cat "$work/files.diff" >&2
+fi
+
+# The daemon: an executable ELF file, stripped of its debug sections.
+if [ -x "$root$bin" ] && [ "$(head -c 4 "$root$bin" | od -An -tx1 | tr -d ' ')" = 7f454c46 ]; then
+  pass "$bin is an executable ELF file"
+else
+  fail "$bin is not an executable ELF file"
+fi
+if readelf -S "$root$bin" 2>/dev/null | grep -q '\.debug_info'; then fail "$bin still has debug info"; fi
+
+# The log directory glog writes into (the daemon does not create it).
+if [ -d "$root$logdir" ] && [ "$(stat -c %a "$root$logdir")" = 755 ]; then
+  pass "log directory $logdir, mode 755"
+else
+  fail "log directory $logdir missing or not mode 755"
+fi
+
+# The docs are the checkout's own.
+cmp -s "$root$docdir/README.md" "$src/README.md" && pass "README.md installed" || fail "README.md differs"
+
+# The unit starts the packaged binary as root, restarts it, and keeps /tmp, /home
+# and the launcher directory where the daemon can reach them.
+unitfile=$root$unit
+want_line() {
+  if grep -qx -- "$1" "$unitfile"; then pass "unit has $1"; else fail "unit lacks the line: $1"; fi
+}
+refuse_line() {
+  if grep -q -- "^$1" "$unitfile"; then fail "unit must not set $1 (see docs/packaging.md)"; fi
+}
+if [ -f "$unitfile" ]; then
+  want_line "ExecStart=$bin"
+  want_line "User=root"
+  want_line "Restart=always"
+  want_line "ReadWritePaths=-/usr/share/applications"
+  want_line "WantedBy=multi-user.target"
+  for opt in PrivateTmp=yes ProtectHome=yes ProtectHome=read-only ProtectSystem=strict \
+             NoNewPrivileges=yes PrivateNetwork=yes DynamicUser=yes; do
+    refuse_line "$opt"
+  done
+  if command -v systemd-analyze >/dev/null; then
+    # verify wants the binary at its real path; point it at the unpacked one.
+    # It exits 0 on unknown keys, so any message at all is a failure.
+    mkdir "$work/verify"
+    sed "s|^ExecStart=.*|ExecStart=$root$bin|" "$unitfile" >"$work/verify/tolvarind.service"
+    if systemd-analyze verify "$work/verify/tolvarind.service" >"$work/verify.log" 2>&1 \
+       && [ ! -s "$work/verify.log" ]; then
+      pass "systemd-analyze verify: no complaints"
+    else
+      fail "systemd-analyze verify:"; cat "$work/verify.log" >&2
+    fi
+  else
+    echo "skip: systemd-analyze not installed"
+  fi
+else
+  fail "no unit file at $unit"
+fi
+
+# Control data: name, architecture, maintainer scripts.
+field() { dpkg-deb -f "$deb" "$1"; }
+[ "$(field Package)" = tolvarind ] && pass "Package: tolvarind" || fail "Package is '$(field Package)'"
+[ "$(field Architecture)" = "$(dpkg --print-architecture)" ] && pass "Architecture: $(field Architecture)" \
+  || fail "Architecture is '$(field Architecture)'"
+for s in postinst prerm postrm; do
+  if [ -x "$work/control/$s" ] && sh -n "$work/control/$s"; then pass "$s present"; else fail "$s missing or broken"; fi
+done
+
+# Runtime dependencies: every shared library the daemon links must come from a
+# package that Depends names. The owners are found with dpkg -S, independently
+# of how CPack computed the field.
+depends=$(field Depends)
+echo "Depends: $depends"
+depnames=$(echo "$depends" | tr ',' '\n' | sed 's/^ *//; s/[ (].*//')
+owner_of() {
+  local p=$1 c
+  for c in "$p" "$(readlink -f "$p")" "/usr${p#/usr}" "${p#/usr}"; do
+    dpkg -S "$c" 2>/dev/null | head -1 | cut -d: -f1 && return 0
+  done
+  return 1
+}
+while read -r soname path; do
+  [ -n "$path" ] || { fail "cannot resolve $soname"; continue; }
+  pkg=$(owner_of "$path") || { fail "no package owns $path"; continue; }
+  if echo "$depnames" | grep -qx "$pkg"; then
+    pass "$soname -> $pkg"
+  else
+    fail "$soname comes from $pkg, which Depends does not name"
+  fi
+done < <(
+  # Only the libraries the binary names itself (NEEDED), located as the loader would.
+  ldd "$daemon" | awk '/=> \// { print $1, $3 }' >"$work/ldd"
+  readelf -d "$daemon" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | while read -r so; do
+    echo "$so $(awk -v so="$so" '$1 == so { print $2 }' "$work/ldd")"
+  done
+)
+
+if [ $failures -ne 0 ]; then
+  echo "$failures check(s) failed" >&2
+  exit 1
+fi
+echo "all package checks passed"
