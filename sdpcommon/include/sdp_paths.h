@@ -38,6 +38,10 @@ inline constexpr char kLogErrorPrefix[] = "/opt/apps/morvasta/log/tolvarind.erro
 // Desktop.
 inline constexpr char kSystemApplicationsDir[] = "/usr/share/applications/";
 inline constexpr char kHomeDir[] = "/home/";
+// The session user's desktop is kHomeDir + user + one of these: the first when
+// it exists, else the second (the Chinese name, UTF-8), checked or not.
+inline constexpr char kUserDesktopDir[] = "/Desktop";
+inline constexpr char kUserDesktopDirZh[] = "/桌面";
 
 // Network probes.
 inline constexpr char kProcNetRoute[] = "/proc/net/route";

@@ -1,0 +1,39 @@
+// The bytes of a desktop entry, built without files.
+#include <gtest/gtest.h>
+
+#include "iconmanager.h"
+
+namespace {
+
+TEST(DesktopEntry, ResourceLauncherIsTheThirteenLineLayout) {
+  SAppDesktop resource;
+  resource.name = "Mail box";
+  resource.exec = "mail01";
+  resource.spare = "never";
+  EXPECT_EQ(
+      "[Desktop Entry]\n"
+      "Categories=Network;WebBrowser\n"
+      "MimeType=text/html;text/xml;application/xhtml_xml;image/webp;x-scheme-handler/http;"
+      "x-scheme-handler/https;x-scheme-handler/ftp;\n"
+      "Encoding=UTF-8\n"
+      "Exec=/opt/apps/morvasta/dravinAum.sh mail01\n"
+      "Icon=/tmp/.sdp_cfs/mail01.png\n"
+      "Name=Mail box\n"
+      "Terminal=false\n"
+      "Type=Application\n"
+      "X-Deepin-Vendor=user-custom\n"
+      "StartupNotify=true\n"
+      "Actions=new-window;\n"
+      "X-Deepin-CreatedBy=com.deepin.dde.daemon.Launcher\n"
+      "X-Deepin-AppID=mail01\n",
+      iconmanager::DesktopEntryText(iconmanager::ResourceLauncher(resource)));
+}
+
+TEST(DesktopEntry, WritesMembersInOrderVerbatimAndSkipsTheSpare) {
+  SAppDesktop d{"1", "2", "3", "4", "5", "6", "spare", "8", "9", "10", "11", "12", "13", "a=b\\n"};
+  EXPECT_EQ("[Desktop Entry]\n1\n2\n3\n4\n5\n6\n8\n9\n10\n11\n12\n13\na=b\\n\n",
+            iconmanager::DesktopEntryText(d));
+  EXPECT_EQ("[Desktop Entry]\n" + std::string(13, '\n'), iconmanager::DesktopEntryText({}));
+}
+
+}  // namespace
