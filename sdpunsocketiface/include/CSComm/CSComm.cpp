@@ -50,8 +50,8 @@ int BuildFrame(sdpmsg_t* frame, unsigned short m_cmd, unsigned short s_cmd, cons
 
 }  // namespace cscomm
 
-int SocketRWriter::SendMessage(int fd, unsigned short m_cmd, unsigned short s_cmd,
-                               const char* data, int len) {
+int SocketRWriter::SendMessage(int fd, unsigned short m_cmd, unsigned short s_cmd, const char* data,
+                               int len) {
   std::lock_guard<std::mutex> lock(wmutex_);
   sdpmsg_t frame;  // on the stack: no allocation per frame
   bool cut = false;

@@ -27,12 +27,13 @@ inline constexpr unsigned short MCMD_FROM_DAEMON = 2;  // the only frames the cl
 inline constexpr unsigned short SANDBOX_S2B_OPENBSAPP = 0x301;           // 769: shell command text
 inline constexpr unsigned short SANDBOX_S2B_RESPONSE = 0x303;            // 771: ignored
 inline constexpr unsigned short SANDBOX_S2B_OPEN_DRAVIN_PORTAL = 0x306;  // 774: URL text
-inline constexpr unsigned short SANDBOX_A2F_ILLEGAL = 0x501;             // 1281: application, to first NUL
-inline constexpr unsigned short SANDBOX_TO_LOCAL = 0x1001;               // 4097: pop-up script arguments
-inline constexpr unsigned short SDP_PROTO_OPEN_SANDBOX = 0x1012;         // 4114: ignored
-inline constexpr unsigned short SDP_PROTO_CLOSE_SANDBOX = 0x1013;        // 4115: ignored
+inline constexpr unsigned short SANDBOX_A2F_ILLEGAL = 0x501;      // 1281: application, to first NUL
+inline constexpr unsigned short SANDBOX_TO_LOCAL = 0x1001;        // 4097: pop-up script arguments
+inline constexpr unsigned short SDP_PROTO_OPEN_SANDBOX = 0x1012;  // 4114: ignored
+inline constexpr unsigned short SDP_PROTO_CLOSE_SANDBOX = 0x1013;  // 4115: ignored
 // Client to daemon.
-inline constexpr unsigned short SDP_PROTO_REGISTER = 0x1005;  // 4101: "%04X%s\n" (4101, sandbox id), NUL counted
+// 4101: "%04X%s\n" formatted with 4101 and the sandbox id, NUL counted.
+inline constexpr unsigned short SDP_PROTO_REGISTER = 0x1005;
 inline constexpr unsigned short SDP_PROTO_HTTPS_QUERY = 0x1113;  // 4371: query string, NUL counted
 // Both directions: client sends "<sandbox id>#<IPv4>#<IPv6>" without NUL;
 // the daemon's heartbeats are ignored.
@@ -129,17 +130,17 @@ class MessageDeal {
 // when the last Option holding it goes. A raw owning pointer would be deleted
 // twice, once by the caller's Option and once by the channel's copy.
 struct Option {
-  uint32_t reserved0 = 0;                // copied, never read
+  uint32_t reserved0 = 0;                   // copied, never read
   signed char reserved1[4] = {0, 0, 0, 0};  // copied, never read
-  uint8_t reserved2 = 0;                 // copied, never read
-  uint8_t reconnect = 0;                 // non-zero: Init starts the reconnect thread
-  uint16_t port = 0;                     // TCP port (CLIENT_TYPE_TCP)
-  uint16_t protocol = 0;                 // peer's protocol number; kept, unused
-  uint16_t version = 0;                  // peer's protocol version; kept, unused
-  uint16_t sendTimeout = 0;              // seconds, SO_SNDTIMEO; 0 = unbounded
-  uint16_t recvTimeout = 0;              // seconds, SO_RCVTIMEO; 0 = unbounded
-  char unixPath[512] = {};               // socket path (CLIENT_TYPE_UNIX)
-  char host[128] = {};                   // host name or address (CLIENT_TYPE_TCP)
-  int32_t clientType = 0;                // CLIENT_TYPE_TCP or CLIENT_TYPE_UNIX
-  std::shared_ptr<MessageDeal> handler;  // optional; see ownership above
+  uint8_t reserved2 = 0;                    // copied, never read
+  uint8_t reconnect = 0;                    // non-zero: Init starts the reconnect thread
+  uint16_t port = 0;                        // TCP port (CLIENT_TYPE_TCP)
+  uint16_t protocol = 0;                    // peer's protocol number; kept, unused
+  uint16_t version = 0;                     // peer's protocol version; kept, unused
+  uint16_t sendTimeout = 0;                 // seconds, SO_SNDTIMEO; 0 = unbounded
+  uint16_t recvTimeout = 0;                 // seconds, SO_RCVTIMEO; 0 = unbounded
+  char unixPath[512] = {};                  // socket path (CLIENT_TYPE_UNIX)
+  char host[128] = {};                      // host name or address (CLIENT_TYPE_TCP)
+  int32_t clientType = 0;                   // CLIENT_TYPE_TCP or CLIENT_TYPE_UNIX
+  std::shared_ptr<MessageDeal> handler;     // optional; see ownership above
 };

@@ -32,12 +32,14 @@ TEST(FrameBuild, LaysOutHeaderAndBodyAndCutsAtTheLimit) {
     SCOPED_TRACE("len " + std::to_string(c.len));
     memset(frame.get(), 0x5A, sizeof *frame);  // leftovers of an earlier frame
     bool cut = !c.cut;
-    EXPECT_EQ(cscomm::BuildFrame(frame.get(), MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, src.data(), c.len, &cut),
+    EXPECT_EQ(cscomm::BuildFrame(frame.get(), MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, src.data(),
+                                 c.len, &cut),
               c.frame_len);
     EXPECT_EQ(cut, c.cut);
     const size_t body = static_cast<size_t>(c.frame_len - 8);
     EXPECT_EQ(std::string(raw, static_cast<size_t>(c.frame_len)),
-              U16(0) + U16(1) + U16(0x1111) + U16(static_cast<unsigned short>(body)) + src.substr(0, body));
+              U16(0) + U16(1) + U16(0x1111) + U16(static_cast<unsigned short>(body)) +
+                  src.substr(0, body));
     EXPECT_EQ(std::string(raw + c.frame_len, sizeof *frame - c.frame_len),
               std::string(sizeof *frame - c.frame_len, '\0'));
   }
@@ -49,7 +51,9 @@ TEST(FrameBuild, HeartbeatAbcOnTheLittleEndianTarget) {
   auto frame = std::make_unique<sdpmsg_t>();
   ASSERT_EQ(cscomm::BuildFrame(frame.get(), 1, 0x1111, "abc", 3, nullptr), 11);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(frame.get()), 11),
-            std::string("\x00\x00\x01\x00\x11\x11\x03\x00" "abc", 11));
+            std::string("\x00\x00\x01\x00\x11\x11\x03\x00"
+                        "abc",
+                        11));
 }
 
 TEST(FrameHeaderCodec, RoundTripsEveryFieldAndFlagsOversize) {

@@ -63,7 +63,7 @@ struct PeerServer::Conn {
   // Keeps the bytes of one send call together. A plain mutex: its holder gives
   // up by its own deadline, so waiting for it is bounded too.
   std::mutex send_mu;
-  std::string inbuf;         // bytes not yet cut into frames; I/O thread only
+  std::string inbuf;  // bytes not yet cut into frames; I/O thread only
 };
 
 PeerServer::PeerServer() {
@@ -377,7 +377,8 @@ bool PeerServer::SendBytes(const std::string& bytes, Millis timeout) {
   std::lock_guard<std::mutex> lock(conn->send_mu);
   size_t off = 0;
   while (off < bytes.size()) {
-    ssize_t n = ::send(conn->fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t n =
+        ::send(conn->fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
       off += static_cast<size_t>(n);
       continue;

@@ -47,9 +47,9 @@ struct Frame {
   uint16_t m_cmd = 0;
   uint16_t s_cmd = 0;
   uint16_t msglen = 0;
-  std::string body;                                // exactly msglen bytes
+  std::string body;                               // exactly msglen bytes
   std::chrono::steady_clock::time_point arrival;  // when its last byte was read
-  uint64_t connection = 0;                         // 1-based accept number
+  uint64_t connection = 0;                        // 1-based accept number
 
   // The frame as it stood on the wire: header then body.
   std::string Bytes() const;
@@ -91,9 +91,9 @@ class PeerServer {
   std::string Path() const;
 
   // Connections.
-  bool Connected() const;                  // a current connection exists
-  uint64_t CurrentConnection() const;      // its number, 0 when none
-  uint64_t AcceptedCount() const;          // connections accepted so far
+  bool Connected() const;              // a current connection exists
+  uint64_t CurrentConnection() const;  // its number, 0 when none
+  uint64_t AcceptedCount() const;      // connections accepted so far
   bool WaitConnected(Millis timeout) const;
   bool WaitDisconnected(Millis timeout) const;  // no current connection
   // True once at least `count` connections have been accepted in all.
@@ -115,7 +115,7 @@ class PeerServer {
   // Received frames.
   std::vector<Frame> Frames() const;  // a copy, in arrival order
   size_t FrameCount() const;
-  std::vector<Frame> TakeFrames();    // returns the frames and forgets them
+  std::vector<Frame> TakeFrames();  // returns the frames and forgets them
   void ClearFrames();
   // The first stored frame (oldest first) for which `pred` holds, waiting up to
   // `timeout` for one to arrive. To wait for a *new* frame, let `pred` test
@@ -154,19 +154,19 @@ class PeerServer {
   int listen_fd_ = -1;
   std::vector<std::shared_ptr<Conn>> conns_;
 
-  std::mutex cmd_mu_;                      // guards cmds_, quit_
+  std::mutex cmd_mu_;  // guards cmds_, quit_
   std::vector<std::function<void()>> cmds_;
   bool quit_ = false;
 
-  mutable std::mutex mu_;                  // guards everything below
-  mutable std::condition_variable cv_;     // signalled on any change below
+  mutable std::mutex mu_;               // guards everything below
+  mutable std::condition_variable cv_;  // signalled on any change below
   std::string path_;
   bool listening_ = false;
   std::shared_ptr<Conn> current_;
   uint64_t accepted_ = 0;
   std::vector<Frame> frames_;
 
-  std::mutex cb_mu_;                       // guards the two callbacks
+  std::mutex cb_mu_;  // guards the two callbacks
   FrameCallback frame_cb_;
   ConnectionCallback conn_cb_;
 };

@@ -67,7 +67,7 @@ TEST_F(PeerServerTest, CutsFramesWhateverTheWritesLookLike) {
   const std::string a = EncodeFrame(1, 0x1111, "abc");
   const std::string b = EncodeFrame(1, 0x1005, std::string("x\0y", 3));
   const std::string big = EncodeFrame(1, 0x1113, std::string(5000, 'q'));
-  Write(c, a + b);                                         // two frames in one write
+  Write(c, a + b);                                             // two frames in one write
   for (size_t i = 0; i < 10; ++i) Write(c, big.substr(i, 1));  // a header in pieces
   Write(c, big.substr(10));
 

@@ -290,8 +290,7 @@ int TCP_Client::GetMacAddr(const char* ifname, char* buf, int len) {
                   mac[2], mac[3], mac[4], mac[5]);
 }
 
-int TCP_Client::SendMessage(unsigned short m_cmd, unsigned short s_cmd, const char* data,
-                            int len) {
+int TCP_Client::SendMessage(unsigned short m_cmd, unsigned short s_cmd, const char* data, int len) {
   return rwriter_.SendMessage(sockfd_.load(), m_cmd, s_cmd, data, len);
 }
 

@@ -68,18 +68,18 @@ class TCP_Client : public ClientComm {
  private:
   void CopyOption(const Option& opt);
 
-  std::mutex fdmutex_;            // guards the descriptor; see the list above
-  std::atomic<bool> stop_;        // true: the reconnect thread ends
-  int clientport_ = 0;            // local port of a TCP connection, host order
-  char clientaddr_[128] = {};     // local IPv4 address of a TCP connection
+  std::mutex fdmutex_;         // guards the descriptor; see the list above
+  std::atomic<bool> stop_;     // true: the reconnect thread ends
+  int clientport_ = 0;         // local port of a TCP connection, host order
+  char clientaddr_[128] = {};  // local IPv4 address of a TCP connection
   // Atomic because SendMessage reads it without fdmutex_; every write and the
   // other reads still happen under fdmutex_.
   std::atomic<int> sockfd_;
   Option option_;
-  SocketRWriter rwriter_;         // the read and write locks
+  SocketRWriter rwriter_;  // the read and write locks
 
-  std::mutex reconn_mu_;                   // guards reconn_threads_, reconn_running_
-  std::condition_variable reconn_cv_;      // cuts the reconnect thread's 1-second wait on stop
+  std::mutex reconn_mu_;               // guards reconn_threads_, reconn_running_
+  std::condition_variable reconn_cv_;  // cuts the reconnect thread's 1-second wait on stop
   std::vector<std::thread> reconn_threads_;
   int reconn_running_ = 0;
 };

@@ -84,7 +84,9 @@ TEST_F(Channel, SendWritesExactFrameBytes) {
   ASSERT_EQ(frames.size(), 2u);
   const uint16_t probe = 1;
   ASSERT_EQ(*reinterpret_cast<const char*>(&probe), 1) << "the byte images below are little-endian";
-  EXPECT_EQ(frames[0].Bytes(), std::string("\x00\x00\x01\x00\x11\x11\x03\x00" "abc", 11));
+  EXPECT_EQ(frames[0].Bytes(), std::string("\x00\x00\x01\x00\x11\x11\x03\x00"
+                                           "abc",
+                                           11));
   EXPECT_EQ(frames[1].Bytes(), std::string("\x00\x00\x01\x00\x13\x11\x00\x00", 8));
 }
 
@@ -102,8 +104,9 @@ TEST_F(Channel, SendCutsOversizeBodyAndWarns) {
     ASSERT_EQ(frames.size(), 2u);
     EXPECT_EQ(frames[0].body, src.substr(0, MAX_MSGLEN));
     EXPECT_EQ(frames[1].body, "x");
-    const bool warned = logs_.has(
-        "warning msglen:64504 over max msglen:64503 cut message m_cmd:1 s_cmd:4369", google::GLOG_WARNING);
+    const bool warned =
+        logs_.has("warning msglen:64504 over max msglen:64503 cut message m_cmd:1 s_cmd:4369",
+                  google::GLOG_WARNING);
     EXPECT_EQ(warned, len > MAX_MSGLEN) << len;
   }
 }
@@ -120,7 +123,8 @@ TEST_F(Channel, WithoutConnectionSendAndReceiveFailQuietly) {
 std::atomic<int> g_sigpipes{0};
 
 TEST_F(Channel, SendToVanishedPeerFailsWithEpipeAndNoSigpipe) {
-  struct sigaction count{}, old{};
+  struct sigaction count {
+  }, old{};
   count.sa_handler = [](int) { g_sigpipes++; };
   sigaction(SIGPIPE, &count, &old);
   Connect();
@@ -153,7 +157,8 @@ TEST_F(Channel, OversizeHeaderAbandonsTheStreamAndCloses) {
   const int fd = Connect();
   logs_.clear();
   // A whole frame follows; it must not be taken for one.
-  ASSERT_TRUE(peer_.SendRaw(sdppeer::EncodeHeader(0, 2, 4097, 64504) + sdppeer::EncodeFrame(2, 4097, "x")));
+  ASSERT_TRUE(
+      peer_.SendRaw(sdppeer::EncodeHeader(0, 2, 4097, 64504) + sdppeer::EncodeFrame(2, 4097, "x")));
   EXPECT_EQ(client_.RecvMessage(msg_.get()), -1);
   EXPECT_EQ(logs_.texts(), (Texts{"got error message:2 4097 0 64504", "read  package  failed",
                                   "TCP_Client::CloseConn() fd:" + std::to_string(fd)}));
@@ -194,7 +199,8 @@ TEST_F(Channel, ConcurrentSendersAndReceiverKeepEveryFrameWhole) {
     threads.emplace_back([&, tag] {
       for (int i = 0; i < kFrames; ++i) {
         const std::string b = Body(tag, i);
-        if (client_.SendMessage(1, tag, b.data(), static_cast<int>(b.size())) != static_cast<int>(b.size()) + 8)
+        if (client_.SendMessage(1, tag, b.data(), static_cast<int>(b.size())) !=
+            static_cast<int>(b.size()) + 8)
           ++send_failures;
       }
     });
@@ -212,7 +218,8 @@ TEST_F(Channel, ConcurrentSendersAndReceiverKeepEveryFrameWhole) {
   for (int i = 0; i < kFrames && peer_.SendFrame(2, kDown, Body(kDown, i)); ++i) {
   }
   const auto frames = peer_.WaitFrames(2 * kFrames, 10s);
-  if (!PollUntil([&] { return received == kFrames; }, 10s)) peer_.CloseConnection();  // frees the receiver
+  if (!PollUntil([&] { return received == kFrames; }, 10s))
+    peer_.CloseConnection();  // frees the receiver
   for (auto& t : threads) t.join();
 
   EXPECT_EQ(received.load(), kFrames);
@@ -238,7 +245,8 @@ TEST_F(Channel, InitWithoutListenerFailsAndStartsNoThread) {
   ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
   close(s);
 
-  for (auto [path, err] : {std::pair{dir_ + "/missing.sock", ENOENT}, std::pair{stale, ECONNREFUSED}}) {
+  for (auto [path, err] :
+       {std::pair{dir_ + "/missing.sock", ENOENT}, std::pair{stale, ECONNREFUSED}}) {
     logs_.clear();
     TCP_Client client;  // fresh: a second Init would keep the tail of the first path
     Option o = UnixOption(path, /*reconnect=*/1);
@@ -366,7 +374,8 @@ TEST(ChannelTcp, ConnectsWithKeepAliveAndRecordsTheLocalAddress) {
   client.GetClientSockName(addr, sizeof addr, &got_port);
   EXPECT_TRUE(logs.has("GetClientSockName params error", google::GLOG_ERROR));
   EXPECT_EQ(client.InitConn(2, 1, "127.0.0.1", port, 0), -1);
-  EXPECT_TRUE(logs.has(std::string("anetTcpConnect failed:creating socket: ") + strerror(ECONNREFUSED)));
+  EXPECT_TRUE(
+      logs.has(std::string("anetTcpConnect failed:creating socket: ") + strerror(ECONNREFUSED)));
 }
 
 TEST(ChannelMacAddr, FormatsTheHardwareAddressOrFails) {
