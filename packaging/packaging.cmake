@@ -2,6 +2,7 @@
 #
 #   /usr/bin/tolvarind                          the daemon
 #   /usr/lib/systemd/system/tolvarind.service   its unit (runs as root, restarts it)
+#   /usr/lib/tmpfiles.d/tolvarind.conf          makes the log directory, ages out old logs
 #   /usr/share/doc/tolvarind/                   README and docs/*.md
 #   /opt/apps/morvasta/log/                     empty; glog writes here and does not create it
 #
@@ -35,15 +36,21 @@ string(REGEX REPLACE "/$" "" TOLVARIND_HOME_DIR "${TOLVARIND_HOME_DIR}")
 
 set(TOLVARIND_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
     "Where the systemd unit goes, relative to the install prefix")
+set(TOLVARIND_TMPFILES_DIR "lib/tmpfiles.d" CACHE STRING
+    "Where the tmpfiles.d entry for the log directory goes, relative to the install prefix")
 
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tolvarind.service.in
                ${PROJECT_BINARY_DIR}/packaging/tolvarind.service @ONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/tolvarind.tmpfiles.in
+               ${PROJECT_BINARY_DIR}/packaging/tolvarind.conf @ONLY)
 
 if(TARGET tolvarind)
   install(TARGETS tolvarind RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 endif()
 install(FILES ${PROJECT_BINARY_DIR}/packaging/tolvarind.service
         DESTINATION ${TOLVARIND_SYSTEMD_UNIT_DIR} COMPONENT runtime)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/tolvarind.conf
+        DESTINATION ${TOLVARIND_TMPFILES_DIR} COMPONENT runtime)
 file(GLOB TOLVARIND_DOCS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${TOLVARIND_DOCS}
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
@@ -87,6 +94,7 @@ include(CPack)
 if(TOLVARIND_BUILD_TESTS AND TARGET tolvarind AND TOLVARIND_SANITIZE STREQUAL "")
   add_test(NAME package_contents
            COMMAND ${CMAKE_CURRENT_LIST_DIR}/test_package.sh ${PROJECT_BINARY_DIR} $<TARGET_FILE:tolvarind>
-                   ${CMAKE_INSTALL_PREFIX} ${TOLVARIND_SYSTEMD_UNIT_DIR} ${TOLVARIND_LOG_DIR})
+                   ${CMAKE_INSTALL_PREFIX} ${TOLVARIND_SYSTEMD_UNIT_DIR} ${TOLVARIND_TMPFILES_DIR}
+                   ${TOLVARIND_LOG_DIR})
   set_tests_properties(package_contents PROPERTIES TIMEOUT 120)
 endif()

@@ -3,10 +3,10 @@
 # directory, unpacks it into a throwaway root with dpkg -x, and checks what an
 # operator would get. Nothing outside the scratch directory is written.
 #
-# Usage: test_package.sh BUILD_DIR DAEMON_BINARY INSTALL_PREFIX UNIT_DIR LOG_DIR
+# Usage: test_package.sh BUILD_DIR DAEMON_BINARY INSTALL_PREFIX UNIT_DIR TMPFILES_DIR LOG_DIR
 set -euo pipefail
 
-build=$1 daemon=$2 prefix=$3 unitdir=$4 logdir=$5
+build=$1 daemon=$2 prefix=$3 unitdir=$4 tmpfilesdir=$5 logdir=$6
 src=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -29,12 +29,14 @@ echo "package: $(basename "$deb")"
 
 bin=$prefix/bin/tolvarind
 unit=$prefix/$unitdir/tolvarind.service
+tmpfiles=$prefix/$tmpfilesdir/tolvarind.conf
 docdir=$prefix/share/doc/tolvarind
 
 # Exactly these files, nothing else (no test or tool binaries, no stray docs).
 {
   echo "$bin"
   echo "$unit"
+  echo "$tmpfiles"
   echo "$docdir/README.md"
   for d in "$src"/docs/*.md; do [ -e "$d" ] && echo "$docdir/$(basename "$d")"; done
 } | sort >"$work/want"
@@ -58,6 +60,23 @@ if [ -d "$root$logdir" ] && [ "$(stat -c %a "$root$logdir")" = 755 ]; then
   pass "log directory $logdir, mode 755"
 else
   fail "log directory $logdir missing or not mode 755"
+fi
+
+# The tmpfiles.d entry makes that directory at boot and ages out old logs.
+if grep -qx "d $logdir 0755 root root 30d" "$root$tmpfiles" 2>/dev/null; then
+  pass "tmpfiles.d entry for $logdir"
+else
+  fail "$tmpfiles lacks the line: d $logdir 0755 root root 30d"
+fi
+if command -v systemd-tmpfiles >/dev/null; then
+  # --root creates the directory inside the scratch root only.
+  mkdir -p "$work/tmproot"
+  if systemd-tmpfiles --root="$work/tmproot" --create "$root$tmpfiles" >"$work/tmpfiles.log" 2>&1 \
+     && [ -d "$work/tmproot$logdir" ]; then
+    pass "systemd-tmpfiles --create makes $logdir"
+  else
+    fail "systemd-tmpfiles --create:"; cat "$work/tmpfiles.log" >&2
+  fi
 fi
 
 # The docs are the checkout's own.
