@@ -9,23 +9,32 @@
 // Size of every internal buffer; a longer physical line is read in pieces.
 constexpr int kIniLineMax = 10240;
 
-// 0 found and copied; -1 section or key not found, or value too long for `out`;
-// -2 file cannot be opened (or a null argument).
+// Looks up `key` in the first section named `section` (both without regard to
+// ASCII case). 0 found and copied; -1 section or key not found, or value with
+// its terminator longer than `size`; -2 file cannot be opened, or a null
+// argument. `out` is written only on 0.
 int inifile_read(const char* file, const char* section, const char* key, char* out, int size);
 
-// Result of inifile_read; `out` always receives the value (trimmed) or `def`.
+// Result of inifile_read; `out` always receives the value (trimmed) or `def`,
+// so a value of `size` or more characters yields the default.
+// A null `out` or `def` gives -2 (with a null `def`, `out` is made empty).
 // REQUIRES: `def` fits in `out`.
 int ReadStringFromIni(const char* file, const char* section, const char* key, char* out, int size,
                       const char* def);
 
-// Result of inifile_read; `out` always receives a number (see the .cpp).
+// Result of inifile_read; `out` always receives a number: the default when not
+// found; 0 for an empty value; the decimal value kept to its low 32 bits when
+// the value is all digits; otherwise the default, although 0 is returned.
 int ReadIntFromIni(const char* file, const char* section, const char* key, int& out, int def);
 
-// 0 header parsed; -1 not a header; -2 null argument; -3 name truncated.
+// "[name]..." after trimming. 0 header parsed; -1 not a header; -2 null
+// argument; -3 name truncated to `size` - 1 characters (nothing written when
+// `size` is 0).
 int GetSectionName(const char* line, char* name, unsigned long size);
 
-// 0 item parsed; -1 not an item (or line or key too long); -2 null argument;
-// -3 value too long.
+// "key=value" after trimming. 0 item parsed; -1 not an item (or line or key
+// too long; a too-long key is copied unterminated); -2 null argument; -3 value
+// too long, in which case the value text is copied into `key`, not `value`.
 int GetItem(const char* line, char* key, unsigned long keySize, char* value,
             unsigned long valueSize);
 
