@@ -1,0 +1,481 @@
+// The daemon measured whole: the real `tolvarind` binary in the test sandbox
+// against the test peer, each figure beside a baseline taken in the same run.
+//
+//   dispatch   no-op frames (771) per second, beside a minimal reader
+//   latency    769 frame sent -> the command's first action, beside a bare
+//              fork/exec of the same shell command
+//   footprint  resident memory after start-up and CPU over an idle period
+//   launchers  start-up to the end of the launcher rebuild, 10/100/1000 items
+//   https      (https_bench.cpp) the loopback HTTPS relay beside nginx
+//   all        every one of them
+//
+// Usage: daemon_bench <what> [--frames N] [--commands N] [--idle-seconds S]
+//                            [--https-seconds S] [--rounds N]
+#include <dirent.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <sys/wait.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench_report.h"
+#include "daemon_bench.h"
+#include "daemon_run.h"
+#include "peer_server.h"
+#include "sandbox.h"
+#include "sdp_paths.h"
+
+extern char** environ;
+
+using benchreport::Fmt;
+using benchreport::Result;
+using benchreport::Verdict;
+using namespace std::chrono_literals;
+
+namespace benchd {
+
+constexpr uint16_t kFromDaemon = 2;
+constexpr uint16_t kRunCommand = 0x301;  // SANDBOX_S2B_OPENBSAPP
+constexpr uint16_t kNoOp = 0x303;        // SANDBOX_S2B_RESPONSE
+constexpr uint16_t kRegister = 0x1005;
+constexpr uint16_t kHeartbeat = 0x1111;
+
+constexpr char kNoOpLine[] = " got SANDBOX_S2B_RESPONSE message from server";
+constexpr char kCommandDoneLine[] = " got SANDBOX_S2B_OPENBSAPP message from server res:";
+constexpr char kAnyFrameLine[] = " got message from server cmd 0x:";
+
+bool StartsWith(const std::string& s, const char* prefix) {
+  return s.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+double Percentile(std::vector<double> v, double p) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  size_t rank = static_cast<size_t>(std::ceil(p * static_cast<double>(v.size())));
+  return v[std::min(v.size() - 1, rank == 0 ? 0 : rank - 1)];
+}
+
+Daemon::Daemon() = default;
+Daemon::~Daemon() { Stop(); }
+
+bool Daemon::Start(bool answerHeartbeats, const std::vector<std::string>& args) {
+  std::string error;
+  if (!peer.Listen(sdp_paths::kDaemonSocket, &error)) {
+    std::fprintf(stderr, "peer: %s\n", error.c_str());
+    return false;
+  }
+  if (answerHeartbeats) {
+    // The peer daemon answers every heartbeat; so does this one.
+    peer.SetFrameCallback([this](const sdppeer::Frame& f) {
+      if (f.m_cmd == 1 && f.s_cmd == kHeartbeat) peer.SendFrame(kFromDaemon, kHeartbeat, "", 1000ms);
+    });
+  }
+  spawnMicros = benchrun::NowMicrosOfDay();
+  spawnMono = benchrun::MonoSeconds();
+  std::vector<std::string> argv{TOLVARIND_BIN};
+  argv.insert(argv.end(), args.begin(), args.end());
+  proc = std::make_unique<benchrun::Child>(argv);
+  if (!proc->Started()) return false;
+  // The daemon waits 3 s before its first start-up attempt.
+  if (!peer.WaitFrame(kRegister, 15000ms)) {
+    std::fprintf(stderr, "daemon did not register\n");
+    return false;
+  }
+  return benchrun::WaitUntil(
+      [this] {
+        log.SetPath(benchrun::InfoLogPath(proc->pid()));
+        return !log.path().empty();
+      },
+      5000ms);
+}
+
+bool Daemon::WaitLines(const char* prefix, size_t count, benchrun::Millis timeout,
+                       benchrun::LogLine* last) {
+  size_t seen = 0;
+  return benchrun::WaitUntil(
+      [&] {
+        for (auto& l : log.Poll()) {
+          if (keepLines) lines.push_back(l);
+          if (!StartsWith(l.text, prefix)) continue;
+          if (++seen == count && last) *last = l;
+        }
+        return seen >= count;
+      },
+      timeout, 20ms);
+}
+
+bool Daemon::WaitLoop() {
+  if (!peer.SendFrame(kFromDaemon, kNoOp, "")) return false;
+  return WaitLines(kNoOpLine, 1, 30000ms);
+}
+
+void Daemon::Stop() {
+  if (proc) proc->Stop(SIGTERM, 5000ms);
+  proc.reset();
+  peer.CloseAllConnections();
+  peer.StopListening();
+}
+
+namespace {
+
+// Frames/s of whatever reads `peer`'s socket and logs a line starting with
+// `prefix` per frame: from just before the first byte is sent to the time in
+// the header of the `frames`-th line.
+double TimedBurst(sdppeer::PeerServer& peer, const std::string& burst, size_t frames,
+                  const std::function<bool(size_t, benchrun::LogLine*)>& waitLines) {
+  const int64_t t0 = benchrun::NowMicrosOfDay();
+  if (!peer.SendRaw(burst, 300000ms)) return -1;
+  benchrun::LogLine last;
+  if (!waitLines(frames, &last)) return -1;
+  int64_t span = last.micros - t0;
+  if (span < 0) span += 86400LL * 1000000;  // past midnight
+  return static_cast<double>(frames) / (static_cast<double>(span) * 1e-6);
+}
+
+}  // namespace
+
+bool RunDispatch(const Options& opt) {
+  std::printf("\n== Dispatch throughput: %zu no-op frames (code 771), %d rounds ==\n", opt.frames,
+              opt.rounds);
+  std::string burst;
+  burst.reserve(opt.frames * 8);
+  for (size_t i = 0; i < opt.frames; ++i) burst += sdppeer::EncodeFrame(kFromDaemon, kNoOp, "");
+
+  std::vector<double> daemonFps, readerFps;
+  for (int round = 0; round < opt.rounds; ++round) {
+    {
+      Daemon d;
+      if (!d.Start(false) || !d.WaitLoop()) return false;
+      const double fps = TimedBurst(d.peer, burst, opt.frames, [&](size_t n, benchrun::LogLine* last) {
+        return d.WaitLines(kNoOpLine, n, 300000ms, last);
+      });
+      if (fps < 0) return false;
+      daemonFps.push_back(fps);
+    }
+    {
+      const std::string sock = "/tmp/bench-reader.sock";
+      const std::string logPath = std::string(sdp_paths::kLogDir) + "/min_reader.log";
+      sdppeer::PeerServer peer;
+      if (!peer.Listen(sock)) return false;
+      benchrun::Child reader({MIN_READER_BIN, sock, logPath});
+      if (!peer.WaitConnected(5000ms)) return false;
+      benchrun::LogTail tail(logPath);
+      size_t seen = 0;
+      auto wait = [&](size_t n, benchrun::LogLine* last) {
+        return benchrun::WaitUntil(
+            [&] {
+              for (auto& l : tail.Poll())
+                if (StartsWith(l.text, kAnyFrameLine) && ++seen == n && last) *last = l;
+              return seen >= n;
+            },
+            300000ms, 20ms);
+      };
+      if (!peer.SendFrame(kFromDaemon, kNoOp, "") || !wait(1, nullptr)) return false;
+      seen = 0;
+      const double fps = TimedBurst(peer, burst, opt.frames, wait);
+      if (fps < 0) return false;
+      readerFps.push_back(fps);
+      peer.CloseAllConnections();
+      reader.Stop(SIGTERM, 5000ms);
+    }
+    std::printf("round %d: daemon %.0f frames/s, minimal reader %.0f frames/s\n", round + 1,
+                daemonFps.back(), readerFps.back());
+  }
+  const double d = Median(daemonFps), r = Median(readerFps);
+  std::printf("median: daemon %.0f frames/s, minimal reader %.0f frames/s, ratio %.2f\n", d, r,
+              d / r);
+  Result("dispatch", "frames=" + std::to_string(opt.frames) + " daemon_fps=" + Fmt("%.0f", d) +
+                         " reader_fps=" + Fmt("%.0f", r) + " ratio=" + Fmt("%.2f", d / r));
+  Verdict("dispatch", d >= 0.5 * r, "daemon >= 0.5 x minimal reader frames/s");
+  return true;
+}
+
+namespace {
+
+// Watches one directory for created files.
+class CreateWatch {
+ public:
+  explicit CreateWatch(const std::string& dir) : fd_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    benchrun::MakeDirs(dir);
+    if (fd_ >= 0) inotify_add_watch(fd_, dir.c_str(), IN_CREATE);
+  }
+  ~CreateWatch() {
+    if (fd_ >= 0) close(fd_);
+  }
+  // Monotonic time at which `name` was seen created, or -1 after `timeoutMs`.
+  double Wait(const std::string& name, int timeoutMs) {
+    const double end = benchrun::MonoSeconds() + timeoutMs / 1000.0;
+    alignas(inotify_event) char buf[4096];
+    for (;;) {
+      const double left = end - benchrun::MonoSeconds();
+      if (left <= 0) return -1;
+      pollfd p{fd_, POLLIN, 0};
+      if (poll(&p, 1, static_cast<int>(left * 1000) + 1) <= 0) continue;
+      const double seen = benchrun::MonoSeconds();
+      ssize_t n = read(fd_, buf, sizeof buf);
+      for (ssize_t off = 0; off < n;) {
+        auto* ev = reinterpret_cast<inotify_event*>(buf + off);
+        if (ev->len > 0 && name == ev->name) return seen;
+        off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+      }
+    }
+  }
+
+ private:
+  int fd_;
+};
+
+}  // namespace
+
+bool RunLatency(const Options& opt) {
+  std::printf("\n== Command latency: %d commands (code 769), daemon against bare fork/exec ==\n",
+              opt.commands);
+  const std::string dir = "/tmp/bench-marks";
+  benchrun::EmptyDir(dir);
+  CreateWatch watch(dir);
+  Daemon d;
+  if (!d.Start(false) || !d.WaitLoop()) return false;
+
+  std::vector<double> viaDaemon, bare;
+  for (int i = 0; i < opt.commands; ++i) {
+    // The command's first action creates its mark: `:` is the shell's no-op,
+    // so what runs is as little as `true`.
+    const std::string dname = "d" + std::to_string(i);
+    const std::string dcmd = ": > " + dir + "/" + dname;
+    const double t0 = benchrun::MonoSeconds();
+    if (!d.peer.SendFrame(kFromDaemon, kRunCommand, dcmd)) return false;
+    const double t1 = watch.Wait(dname, 5000);
+    if (t1 < 0 || !d.WaitLines(kCommandDoneLine, 1, 10000ms)) return false;
+    viaDaemon.push_back(t1 - t0);
+
+    const std::string bname = "b" + std::to_string(i);
+    const std::string bcmd = ": > " + dir + "/" + bname;
+    const double b0 = benchrun::MonoSeconds();
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const char* argv[] = {sdp_paths::kShell, "-c", bcmd.c_str(), nullptr};
+      execve(sdp_paths::kShell, const_cast<char**>(argv), environ);
+      _exit(127);
+    }
+    const double b1 = watch.Wait(bname, 5000);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (pid < 0 || b1 < 0) return false;
+    bare.push_back(b1 - b0);
+  }
+  const double dm = Median(viaDaemon) * 1e3, d99 = Percentile(viaDaemon, 0.99) * 1e3;
+  const double bm = Median(bare) * 1e3, b99 = Percentile(bare, 0.99) * 1e3;
+  std::printf("%-26s %10s %10s\n", "", "median ms", "p99 ms");
+  std::printf("%-26s %10.3f %10.3f\n", "769 frame -> command", dm, d99);
+  std::printf("%-26s %10.3f %10.3f\n", "bare fork/exec /bin/sh -c", bm, b99);
+  std::printf("ratio                      %10.2f %10.2f\n", dm / bm, d99 / b99);
+  Result("latency", "commands=" + std::to_string(opt.commands) + " daemon_median_ms=" +
+                        Fmt("%.3f", dm) + " daemon_p99_ms=" + Fmt("%.3f", d99) +
+                        " bare_median_ms=" + Fmt("%.3f", bm) + " bare_p99_ms=" + Fmt("%.3f", b99) +
+                        " ratio_median=" + Fmt("%.2f", dm / bm) + " ratio_p99=" +
+                        Fmt("%.2f", d99 / b99));
+  Verdict("latency", dm <= 1.5 * bm, "median command latency <= 1.5 x bare fork/exec");
+  return true;
+}
+
+bool RunFootprint(const Options& opt) {
+  std::printf("\n== Footprint at rest: %d s idle with heartbeats ==\n", opt.idleSeconds);
+  Daemon d;
+  if (!d.Start(true) || !d.WaitLoop()) return false;
+  const pid_t pid = d.proc->pid();
+  const long rssStart = benchrun::RssKiB(pid);
+  const double cpu0 = benchrun::RunSeconds(pid), tick0 = benchrun::CpuSeconds(pid);
+  const double t0 = benchrun::MonoSeconds();
+  const size_t beats0 = d.peer.FrameCount();
+  std::this_thread::sleep_for(std::chrono::seconds(opt.idleSeconds));
+  const double t1 = benchrun::MonoSeconds();
+  const double cpu1 = benchrun::RunSeconds(pid), tick1 = benchrun::CpuSeconds(pid);
+  const long rssEnd = benchrun::RssKiB(pid), hwm = benchrun::HwmKiB(pid);
+  size_t beats = 0;
+  for (const auto& f : d.peer.Frames())
+    if (f.s_cmd == kHeartbeat) ++beats;
+  (void)beats0;
+  const double pct = (cpu1 - cpu0) / (t1 - t0) * 100.0;
+  std::printf("RSS after start-up %ld KiB, after idling %ld KiB, peak %ld KiB\n", rssStart, rssEnd,
+              hwm);
+  std::printf("CPU over %.1f s: %.4f s on-CPU (%.2f s in clock ticks) = %.4f %% of one core; %zu "
+              "heartbeats seen in all\n",
+              t1 - t0, cpu1 - cpu0, tick1 - tick0, pct, beats);
+  Result("footprint", "idle_s=" + Fmt("%.1f", t1 - t0) + " rss_kib=" + std::to_string(rssEnd) +
+                          " rss_start_kib=" + std::to_string(rssStart) + " hwm_kib=" +
+                          std::to_string(hwm) + " cpu_s=" + Fmt("%.4f", cpu1 - cpu0) +
+                          " cpu_pct=" + Fmt("%.4f", pct));
+  Verdict("footprint", rssEnd < 8 * 1024 && hwm < 8 * 1024, "resident memory < 8 MiB");
+  Verdict("footprint", pct < 0.1, "CPU at rest < 0.1 % of one core");
+  return true;
+}
+
+namespace {
+
+constexpr char kBenchUser[] = "benchuser";
+
+// N resources granted with their addresses, N whitelisted local applications
+// with their system entries, and a desktop to put launchers on.
+void WriteLauncherInputs(int n) {
+  std::string json = "{\"GatewayConfig\":[";
+  std::string aum = "[Aum]\n";
+  for (int i = 0; i < n; ++i) {
+    if (i) json += ",";
+    json += "{\"isCreateIconInSandbox\":1,\"AppName\":\"App " + std::to_string(i) +
+            "\",\"source\":\"res" + std::to_string(i) + "\"}";
+    aum += "res" + std::to_string(i) + "=https://app" + std::to_string(i) + ".example/\n";
+  }
+  json += "]}\n";
+  benchrun::WriteFile(sdp_paths::kResourceJson, json);
+  benchrun::WriteFile(sdp_paths::kUserinfoIni, std::string("[UserInfo]\nSysUserName=") + kBenchUser +
+                                                   "\n" + aum +
+                                                   "[CustomJumpPolicy]\nJumpBrowser=browser\n");
+  std::string whitelist = "enabled=1\n";
+  for (int i = 0; i < n; ++i) {
+    const std::string app = "wlapp" + std::to_string(i);
+    whitelist += "/usr/bin/" + app + "\n";
+    benchrun::WriteFile(std::string(sdp_paths::kSystemApplicationsDir) + app + ".desktop",
+                        "[Desktop Entry]\nName=" + app + "\nExec=/usr/bin/" + app +
+                            "\nType=Application\n");
+  }
+  benchrun::WriteFile(sdp_paths::kWhitelistClientConf, whitelist);
+  benchrun::MakeDirs(std::string(sdp_paths::kHomeDir) + kBenchUser + sdp_paths::kUserDesktopDir);
+  benchrun::MakeDirs(sdp_paths::kClientApplicationsDir);
+}
+
+int CountFiles(const std::string& dir) {
+  int n = 0;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') ++n;
+    closedir(d);
+  }
+  return n;
+}
+
+}  // namespace
+
+bool RunLaunchers(const Options&) {
+  std::printf("\n== Launcher synchronisation: resources and whitelist entries ==\n");
+  std::printf("%6s %12s %12s %12s %14s %9s\n", "items", "whitelist ms", "resources ms",
+              "sync ms", "exec->end ms", "launchers");
+  std::map<int, double> syncMs;
+  bool ok = true;
+  for (int n : {10, 100, 1000}) {
+    for (const std::string dir : {"/home", "/usr/share/applications", "/opt", "/tmp"})
+      benchrun::EmptyDir(dir);
+    benchrun::PrepareInstallation("bench");
+    WriteLauncherInputs(n);
+
+    Daemon d;
+    d.keepLines = true;
+    // A frame waiting in the socket from the first moment: the daemon reads it
+    // as soon as it enters its loop, which is the end of the rebuild.
+    d.peer.SetConnectionCallback([&d](uint64_t, bool connected) {
+      if (connected) d.peer.SendFrame(kFromDaemon, kNoOp, "", 1000ms);
+    });
+    benchrun::LogLine end;
+    if (!d.Start(false) || !d.WaitLines(kAnyFrameLine, 1, 120000ms, &end)) return false;
+    int64_t initDone = -1, dealBegin = -1;
+    for (const auto& l : d.lines) {
+      if (initDone < 0 && StartsWith(l.text, "init finish..")) initDone = l.micros;
+      if (dealBegin < 0 && StartsWith(l.text, "deal user resource begin")) dealBegin = l.micros;
+    }
+    if (initDone < 0 || dealBegin < 0) {
+      std::fprintf(stderr, "start-up lines missing from the log\n");
+      return false;
+    }
+    const double whitelistMs = (dealBegin - initDone) / 1e3;
+    const double resourcesMs = (end.micros - dealBegin) / 1e3;
+    const double sync = (end.micros - initDone) / 1e3;
+    const double total = (end.micros - d.spawnMicros) / 1e3;
+    const int launchers =
+        CountFiles(std::string(sdp_paths::kHomeDir) + kBenchUser + sdp_paths::kUserDesktopDir);
+    std::printf("%6d %12.1f %12.1f %12.1f %14.1f %9d\n", n, whitelistMs, resourcesMs, sync, total,
+                launchers);
+    if (launchers != 2 * n) {
+      std::printf("expected %d launchers on the desktop, found %d\n", 2 * n, launchers);
+      ok = false;
+    }
+    Result("launchers", "items=" + std::to_string(n) + " whitelist_ms=" + Fmt("%.1f", whitelistMs) +
+                            " resources_ms=" + Fmt("%.1f", resourcesMs) + " sync_ms=" +
+                            Fmt("%.1f", sync) + " exec_to_end_ms=" + Fmt("%.1f", total) +
+                            " launchers=" + std::to_string(launchers));
+    syncMs[n] = sync;
+  }
+  std::printf("growth: x%.1f from 10 to 100 items, x%.1f from 100 to 1000 (x10 is linear)\n",
+              syncMs[100] / syncMs[10], syncMs[1000] / syncMs[100]);
+  Result("launchers", "growth_10_100=" + Fmt("%.1f", syncMs[100] / syncMs[10]) +
+                          " growth_100_1000=" + Fmt("%.1f", syncMs[1000] / syncMs[100]));
+  Verdict("launchers", ok && syncMs[1000] < 1000.0,
+          "launcher sync of 1000 resources and 1000 whitelist entries < 1 s");
+  return ok;
+}
+
+}  // namespace benchd
+
+int main(int argc, char** argv) {
+  using namespace benchd;
+  if (argc < 2) {
+    std::fprintf(stderr,
+                 "usage: %s dispatch|latency|footprint|launchers|https|all [--frames N] "
+                 "[--commands N] [--idle-seconds S] [--https-seconds S] [--rounds N]\n",
+                 argv[0]);
+    return 2;
+  }
+  Options opt;
+  const std::string what = argv[1];
+  for (int i = 2; i + 1 < argc; i += 2) {
+    const std::string key = argv[i];
+    const long v = std::strtol(argv[i + 1], nullptr, 10);
+    if (key == "--frames") opt.frames = static_cast<size_t>(v);
+    else if (key == "--commands") opt.commands = static_cast<int>(v);
+    else if (key == "--idle-seconds") opt.idleSeconds = static_cast<int>(v);
+    else if (key == "--https-seconds") opt.httpsSeconds = static_cast<int>(v);
+    else if (key == "--rounds") opt.rounds = static_cast<int>(v);
+    else {
+      std::fprintf(stderr, "unknown option %s\n", key.c_str());
+      return 2;
+    }
+  }
+  testsupport::EnterSandbox({TOLVARIND_SOURCE_DIR, TOLVARIND_BINARY_DIR});
+  // A daemon that is killed must not take the benchmark with it.
+  signal(SIGPIPE, SIG_IGN);
+  benchrun::PrepareInstallation("bench");
+
+  const std::vector<std::pair<std::string, bool (*)(const Options&)>> all = {
+      {"dispatch", RunDispatch}, {"latency", RunLatency}, {"footprint", RunFootprint},
+      {"launchers", RunLaunchers}, {"https", RunHttps}};
+  bool ran = false, ok = true;
+  for (const auto& [name, fn] : all) {
+    if (what != "all" && what != name) continue;
+    ran = true;
+    benchrun::PrepareInstallation("bench");
+    if (!fn(opt)) {
+      std::printf("FAILED %s\n", name.c_str());
+      ok = false;
+    }
+  }
+  if (!ran) {
+    std::fprintf(stderr, "unknown benchmark %s\n", what.c_str());
+    return 2;
+  }
+  return ok ? 0 : 1;
+}
