@@ -4,6 +4,7 @@ CTEST_JOBS ?= 8
 CMAKE_ARGS ?=
 
 .PHONY: all bootstrap build test test-main asan tsan bench clean demo package
+.PHONY: fuzz fuzz-replay
 
 all: build
 
@@ -62,5 +63,21 @@ bench:
 	cmake --build build-bench -j$(JOBS) --target codec_bench daemon_bench
 	BENCH_QUICK=$(BENCH_QUICK) bench/run_all.sh build-bench
 
+# libFuzzer targets (clang, ASan + UBSan), each fuzzed for FUZZ_SECONDS, then
+# stop; never part of `make test`, whose runs replay the corpora instead
+# (docs/hardening.md). New inputs stay in build-fuzz/fuzz-work/.
+FUZZ_SECONDS ?= 60
+fuzz: bootstrap
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+	  -DCMAKE_CXX_COMPILER=clang++ -DTOLVARIND_BUILD_FUZZERS=ON -DTOLVARIND_BUILD_TESTS=OFF \
+	  $(CMAKE_ARGS)
+	cmake --build build-fuzz -j$(JOBS) --target fuzzers
+	fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
+# Only the replay of the committed fuzz corpora (every ctest run has it too).
+fuzz-replay: build
+	ctest --test-dir build --output-on-failure -L fuzz
+
 clean:
 	rm -rf build build-asan build-tsan build-bench
+	rm -rf build-fuzz
