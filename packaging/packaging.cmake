@@ -15,6 +15,9 @@ if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
   set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Install prefix" FORCE)
 endif()
 include(GNUInstallDirs)
+# Installing (and CPack) takes what is built instead of building every test
+# first: build the daemon, then install or package it (make package does both).
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 
 function(tolvarind_fixed_path out name)
   file(STRINGS ${PROJECT_SOURCE_DIR}/sdpcommon/include/sdp_paths.h line
