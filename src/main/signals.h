@@ -1,0 +1,22 @@
+// The process's signal handling: termination signals end the process with
+// status 0 after one log line naming the signal; SIGINT is left to whoever
+// installs signal_handler (the HTTPS endpoint) and fills shutdown_handler.
+#pragma once
+
+#include <functional>
+
+// Called with the signal number by signal_handler. Empty until the HTTPS
+// endpoint stores its loop-exit callable in it.
+extern std::function<void(int)> shutdown_handler;
+
+// Installs signalChildHandler for SIGTERM, SIGKILL (refused by the kernel),
+// SIGQUIT, SIGUSR1, SIGUSR2 and SIGPIPE.
+void setupSignal();
+
+// Logs "Daemon Child Recv Signal:<sig>"; exit(0) for SIGQUIT, SIGTERM,
+// SIGKILL, SIGUSR1 and SIGUSR2, otherwise returns.
+void signalChildHandler(int sig);
+
+// Forwards `sig` to shutdown_handler; throws std::bad_function_call when it is
+// empty.
+void signal_handler(int sig);
