@@ -32,8 +32,8 @@ constexpr char kDesktopExt[] = ".desktop";
 constexpr size_t kDesktopExtLen = sizeof(kDesktopExt) - 1;
 
 // The desktop environment's own applications: their launchers are its business.
-constexpr const char* kDesktopOwnApps[] = {"saipra",       "deepin-compressor", "deepin-reader",
-                                           "niogriob",     "deepin-album",      "deepin-draw",
+constexpr const char* kDesktopOwnApps[] = {"saipra",          "deepin-compressor", "deepin-reader",
+                                           "niogriob",        "deepin-album",      "deepin-draw",
                                            "dde-file-manager"};
 
 // The secure browser's launcher; the browser is only ever opened through the
@@ -106,7 +106,8 @@ void getIconPathWithName(const std::set<std::string>& names,
     std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
     // The directory constant ends in "/", so the path has "//": harmless, and
     // the logs have always shown it so.
-    std::string candidate = std::string(sdp_paths::kSystemApplicationsDir) + "/" + base + kDesktopExt;
+    std::string candidate =
+        std::string(sdp_paths::kSystemApplicationsDir) + "/" + base + kDesktopExt;
     LOG(INFO) << "icon path is: " << candidate;
     if (!Exists(candidate)) continue;
     std::string launcher = base + kDesktopExt;
@@ -219,8 +220,7 @@ bool IconManager::produceDesktopFile(std::vector<SAppDesktop>& apps) {
 
     char address[1024] = {0};
     char browser[1024] = {0};
-    ReadStringFromIni(sdp_paths::kUserinfoIni, "Aum", source.c_str(), address, sizeof(address),
-                      "");
+    ReadStringFromIni(sdp_paths::kUserinfoIni, "Aum", source.c_str(), address, sizeof(address), "");
     ReadStringFromIni(sdp_paths::kUserinfoIni, "CustomJumpPolicy", "JumpBrowser", browser,
                       sizeof(browser), "");
     // Both only decide whether the resource gets a launcher; neither enters it.
@@ -247,7 +247,8 @@ bool IconManager::produceDesktopFile(std::vector<SAppDesktop>& apps) {
       LOG(WARNING) << "desktop produce failed ! " << desktopFile;
       continue;
     }
-    if (!util::copyFile(desktopFile, appsFile)) LOG(WARNING) << "apps produce failed ! " << appsFile;
+    if (!util::copyFile(desktopFile, appsFile))
+      LOG(WARNING) << "apps produce failed ! " << appsFile;
   }
   return true;
 }

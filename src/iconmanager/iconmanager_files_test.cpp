@@ -31,7 +31,9 @@ const std::string kDesk = "/home/alice/Desktop/";
 const std::string kApps = "/usr/share/applications/";
 const std::string kClient = std::string(sdp_paths::kClientApplicationsDir) + "/";
 const std::string kUserinfo =
-    "[UserInfo]\nSysUserName=alice\n[Aum]\nmail01=https://mail\n[CustomJumpPolicy]\nJumpBrowser=vrek\n";
+    "[UserInfo]\nSysUserName=alice\n"
+    "[Aum]\nmail01=https://mail\n"
+    "[CustomJumpPolicy]\nJumpBrowser=vrek\n";
 
 void MakeDirs(const std::string& dir) {
   for (size_t i = 1; i <= dir.size(); ++i)
@@ -52,7 +54,7 @@ std::optional<std::string> ReadFile(const std::string& path) {
 }
 
 unsigned Mode(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
@@ -148,7 +150,7 @@ SAppDesktop Resource(const char* name, const char* source) {
 }
 
 // Start-up has named the record file; the user's desktop directory exists.
-class Launchers : public testing::Test {
+class LauncherPlacement : public testing::Test {
  protected:
   void SetUp() override {
     WriteFile(sdp_paths::kUserinfoIni, kUserinfo);
@@ -159,7 +161,7 @@ class Launchers : public testing::Test {
   IconManagerTestPeer peer;
 };
 
-TEST_F(Launchers, ResourcesWithAddressAndBrowserGetBothFilesRecordedEachTime) {
+TEST_F(LauncherPlacement, ResourcesWithAddressAndBrowserGetBothFilesRecordedEachTime) {
   std::vector<SAppDesktop> resources{Resource("Mail", "mail01"), Resource("Wiki", "wiki01"),
                                      Resource("Mail 2", "mail01")};
   testsupport::LogCapture capture;
@@ -183,7 +185,7 @@ TEST_F(Launchers, ResourcesWithAddressAndBrowserGetBothFilesRecordedEachTime) {
   EXPECT_EQ(4u, Record().size());
 }
 
-TEST_F(Launchers, UnwritableDesktopFileStaysRecordedAndIsNotCopied) {
+TEST_F(LauncherPlacement, UnwritableDesktopFileStaysRecordedAndIsNotCopied) {
   rmdir(kDesk.c_str());  // and "桌面" is missing too
   std::vector<SAppDesktop> resources{Resource("Mail", "mail01")};
   testsupport::LogCapture capture;
@@ -196,7 +198,7 @@ TEST_F(Launchers, UnwritableDesktopFileStaysRecordedAndIsNotCopied) {
 
 SAppInfo White(int type, const std::string& value) { return SAppInfo{"", "n", type, value}; }
 
-TEST_F(Launchers, WhitelistPlacesFoundAndClientEntriesButNothingElse) {
+TEST_F(LauncherPlacement, WhitelistPlacesFoundAndClientEntriesButNothingElse) {
   for (const char* name : {"foo", "bar", "saipra", "deepin-draw", "saipra.desktop", "shared"})
     WriteFile(kApps + name + ".desktop", std::string("system ") + name);
   for (const char* name :
@@ -230,26 +232,27 @@ TEST_F(Launchers, WhitelistPlacesFoundAndClientEntriesButNothingElse) {
   EXPECT_EQ(0, capture.count_prefix("chmod 755:" + kDesk + "saipra"));
 }
 
-TEST_F(Launchers, WhitelistCopyFailuresAreStillRecorded) {
+TEST_F(LauncherPlacement, WhitelistCopyFailuresAreStillRecorded) {
   WriteFile(kApps + "foo.desktop", "system foo");
   rmdir(kDesk.c_str());
   testsupport::LogCapture capture;
   peer.m.iconInit({White(1, "foo")});
-  EXPECT_TRUE(capture.has("copy fail, app path: /usr/share/applications//foo.desktop",
-                          google::GLOG_ERROR));
+  EXPECT_TRUE(
+      capture.has("copy fail, app path: /usr/share/applications//foo.desktop", google::GLOG_ERROR));
   EXPECT_TRUE(capture.has("opendir error", google::GLOG_ERROR));
   EXPECT_EQ(Lines{"/home/alice/桌面/foo.desktop"}, Record());
 }
 
 // What the client does at every start, twice over.
-TEST(StartUp, ReplacesTheLastRunsLaunchers) {
+TEST(LauncherStartUp, ReplacesTheLastRunsLaunchers) {
   WriteFile(sdp_paths::kUserinfoIni, kUserinfo);
   WriteFile(sdp_paths::kPolicyJson, R"({"policy": {"PolicySandBox": [{"policyname": "p",
       "policyid": "7", "sandBox": {"boxAllowProcess": [
         {"value": "/usr/bin/foo", "id": "1", "name": "Foo", "type": 1}]}}]}})");
   WriteFile(sdp_paths::kWhitelistClientConf, "enabled=1\nbar\n");
   WriteFile(sdp_paths::kResourceJson,
-            R"({"GatewayConfig": [{"isCreateIconInSandbox": 1, "AppName": "Mail", "source": "mail01"}]})");
+            R"({"GatewayConfig": [
+          {"isCreateIconInSandbox": 1, "AppName": "Mail", "source": "mail01"}]})");
   WriteFile(kApps + "foo.desktop", "foo");
   WriteFile(kApps + "bar.desktop", "bar");
   WriteFile(kClient + "client.desktop", "client");

@@ -1,7 +1,7 @@
 // The bytes of a desktop entry, built without files.
-#include <gtest/gtest.h>
-
 #include "iconmanager.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -56,14 +56,18 @@ TEST_P(ResourceShapes, AppendsUsableResourcesAndLogsEachSkip) {
   EXPECT_EQ(c.logs, ReaderLogs(capture));
 }
 
-#define ITEM(flag, name, source) "{'isCreateIconInSandbox': " flag ", 'AppName': " name ", 'source': " source "}"
+// clang-format off
+#define ITEM(flag, name, source) \
+  "{'isCreateIconInSandbox': " flag ", 'AppName': " name ", 'source': " source "}"
+const char kNotFound[] = "GatewayConfig not find!!";
 INSTANTIATE_TEST_SUITE_P(
     , ResourceShapes,
     testing::Values(
-        ResourceCase{"NotJson", "{'GatewayConfig': [", false, {}, {{I, "GatewayConfig not find!!"}}},
-        ResourceCase{"NoKey", "{'gatewayconfig': []}", false, {}, {{I, "GatewayConfig not find!!"}}},
-        ResourceCase{"NullList", "{'GatewayConfig': null}", false, {}, {{I, "GatewayConfig not find!!"}}},
-        ResourceCase{"ListIsObject", "{'GatewayConfig': {}}", false, {}, {{E, "get array failed!!"}}},
+        ResourceCase{"NotJson", "{'GatewayConfig': [", false, {}, {{I, kNotFound}}},
+        ResourceCase{"NoKey", "{'gatewayconfig': []}", false, {}, {{I, kNotFound}}},
+        ResourceCase{"NullList", "{'GatewayConfig': null}", false, {}, {{I, kNotFound}}},
+        ResourceCase{"ListIsObject", "{'GatewayConfig': {}}", false, {},
+                     {{E, "get array failed!!"}}},
         ResourceCase{"EmptyList", "{'GatewayConfig': []}", false, {}, {{E, "array is null!!"}}},
         ResourceCase{"IconFlagValues",
                      "{'GatewayConfig': [" ITEM("0", "'z'", "'z'") "," ITEM("2", "'t'", "'t'") ","
@@ -71,20 +75,23 @@ INSTANTIATE_TEST_SUITE_P(
                      ITEM("null", "'n'", "'n'") ", 1]}",
                      true, {{"A", "a"}},
                      {{E, "appname:A source: a"}, {E, "isCreateIconInSandbox not exist3"},
-                      {E, "isCreateIconInSandbox not exist4"}, {E, "isCreateIconInSandbox not exist5"}}},
+                      {E, "isCreateIconInSandbox not exist4"},
+                      {E, "isCreateIconInSandbox not exist5"}}},
         ResourceCase{"MissingOrNullNamesAndSources",
                      "{'GatewayConfig': [" ITEM("1", "'A'", "'a'") ", {'isCreateIconInSandbox': 1, "
                      "'AppName': 'B'}," ITEM("1", "'C'", "'c'") "," ITEM("1", "null", "'d'") ","
                      ITEM("1", "'E'", "null") "]}",
                      true, {{"A", "a"}, {"C", "c"}},
-                     {{E, "appname:A source: a"}, {E, "source not exist1"}, {E, "appname:C source: c"},
-                      {E, "AppName not exist3"}, {E, "source not exist4"}}},
+                     {{E, "appname:A source: a"}, {E, "source not exist1"},
+                      {E, "appname:C source: c"}, {E, "AppName not exist3"},
+                      {E, "source not exist4"}}},
         ResourceCase{"EmptyNamesNumbersAndDuplicatesKept",
                      "{'GatewayConfig': [" ITEM("1", "''", "'s'") "," ITEM("1", "42", "'s'") "]}",
                      true, {{"", "s"}, {"42", "s"}},
                      {{E, "appname: source: s"}, {E, "appname:42 source: s"}}}),
     [](const testing::TestParamInfo<ResourceCase>& info) { return info.param.label; });
 #undef ITEM
+// clang-format on
 
 using App = std::tuple<std::string, std::string, int, std::string>;  // id, appName, type, value
 
@@ -113,51 +120,59 @@ TEST_P(PolicyShapes, AppendsItemsOfEveryMatchingPolicy) {
   EXPECT_EQ(c.logs, ReaderLogs(capture));
 }
 
+// clang-format off
 #define POLICY(name, id, items) \
   "{'policyname': " name ", 'policyid': " id ", 'sandBox': {'boxAllowProcess': " items "}}"
 #define LIST(...) "{'policy': {'PolicySandBox': [" __VA_ARGS__ "]}}"
+#define APP(value, id, name, type) \
+  "{'value': " value ", 'id': " id ", 'name': " name ", 'type': " type "}"
+const Log kNoValue{W, "not find param [value] in array"};
+const Log kNoSandBox{W, "not find param [sandBox] in array"};
+const Log kNoPolicyId{W, "not find param [policyid] in array"};
 INSTANTIATE_TEST_SUITE_P(
     , PolicyShapes,
     testing::Values(
         PolicyCase{"NotJson", "{", false, "before", {}, {{W, "not find param [policy]"}}},
-        PolicyCase{"NullPolicy", "{'policy': null}", false, "before", {}, {{W, "not find param [policy]"}}},
+        PolicyCase{"NullPolicy", "{'policy': null}", false, "before", {},
+                   {{W, "not find param [policy]"}}},
         PolicyCase{"NoPolicySandBox", "{'policy': {}}", false, "before", {},
                    {{W, "not find param [PolicySandBox]"}}},
-        PolicyCase{"NotAnArray", "{'policy': {'PolicySandBox': {}}}", false, "before", {}, {{W, "no array"}}},
+        PolicyCase{"NotAnArray", "{'policy': {'PolicySandBox': {}}}", false, "before", {},
+                   {{W, "no array"}}},
         PolicyCase{"EmptyArray", LIST(), false, "before", {}, {{W, "no array"}}},
         PolicyCase{"OnlyMatchingIdButLastName",
-                   LIST(POLICY("'p7'", "'7'", "[{'value': 'v', 'id': '1', 'name': 'a', 'type': 1}]") ","
-                        POLICY("'p8'", "'8'", "[{'value': 'w', 'id': '2', 'name': 'b', 'type': 1}]")),
+                   LIST(POLICY("'p7'", "'7'", "[" APP("'v'", "'1'", "'a'", "1") "]") ","
+                        POLICY("'p8'", "'8'", "[" APP("'w'", "'2'", "'b'", "1") "]")),
                    true, "p8", {{"1", "a", 1, "v"}}, {{I, "boxid : 7"}, {I, "boxid : 8"}}},
         PolicyCase{"EveryMatchInFileOrderAndNumericId",
-                   LIST(POLICY("'x'", "7", "[{'value': 'v1', 'id': 2, 'name': 'n1', 'type': '3'}]") ","
-                        POLICY("'y'", "'07'", "[{'value': 'no', 'id': '9', 'name': 'no', 'type': 1}]") ","
-                        POLICY("'z'", "'7'", "[{'value': 'v3', 'id': '3', 'name': 'n3', 'type': 0}]")),
+                   LIST(POLICY("'x'", "7", "[" APP("'v1'", "2", "'n1'", "'3'") "]") ","
+                        POLICY("'y'", "'07'", "[" APP("'no'", "'9'", "'no'", "1") "]") ","
+                        POLICY("'z'", "'7'", "[" APP("'v3'", "'3'", "'n3'", "0") "]")),
                    true, "z", {{"2", "n1", 3, "v1"}, {"3", "n3", 0, "v3"}},
                    {{I, "boxid : 7"}, {I, "boxid : 07"}, {I, "boxid : 7"}}},
         PolicyCase{"ItemChecksInValueIdNameTypeOrder",
                    LIST(POLICY("'p'", "'7'", "[{'name': 'n', 'type': 1}, {'value': '', 'id': '1'},"
-                        "{'value': null}, {'value': 'v', 'id': null}, {'value': 'v', 'id': '1', 'name': ''},"
-                        "{'value': 'v', 'id': '1', 'name': 'n', 'type': null}, null,"
-                        "{'value': 'ok', 'id': '1', 'name': 'n', 'type': 1}]")),
+                        "{'value': null}, {'value': 'v', 'id': null},"
+                        "{'value': 'v', 'id': '1', 'name': ''}," APP("'v'", "'1'", "'n'", "null")
+                        ", null," APP("'ok'", "'1'", "'n'", "1") "]")),
                    true, "p", {{"1", "n", 1, "ok"}},
-                   {{I, "boxid : 7"}, {W, "not find param [value] in array"},
-                    {W, "not find param [value] in array"}, {W, "not find param [value] in array"},
+                   {{I, "boxid : 7"}, kNoValue, kNoValue, kNoValue,
                     {W, "not find param [id] in array"}, {W, "not find param [name] in array"},
-                    {W, "not find param [type] in array"}, {W, "not find param [value] in array"}}},
+                    {W, "not find param [type] in array"}, kNoValue}},
         PolicyCase{"ElementsLackingKeysAreSkipped",
-                   LIST("{'policyname': 'a', 'policyid': '7'}, {'sandBox': null, 'policyname': 'b'},"
+                   LIST("{'policyname': 'a', 'policyid': '7'},"
+                        "{'sandBox': null, 'policyname': 'b'},"
                         "{'sandBox': {}, 'policyname': null}, {'sandBox': {}, 'policyname': 'c'},"
                         "{'sandBox': {}, 'policyname': 'd', 'policyid': null}, null,"
                         "{'policyname': 'e', 'policyid': '7', 'sandBox': {'boxAllowProcess': {}}}"),
                    true, "e", {},
-                   {{W, "not find param [sandBox] in array"}, {W, "not find param [sandBox] in array"},
-                    {W, "not find param [policyname] in array"}, {W, "not find param [policyid] in array"},
-                    {W, "not find param [policyid] in array"}, {W, "not find param [sandBox] in array"},
-                    {I, "boxid : 7"}}}),
+                   {kNoSandBox, kNoSandBox, {W, "not find param [policyname] in array"},
+                    kNoPolicyId, kNoPolicyId, kNoSandBox, {I, "boxid : 7"}}}),
     [](const testing::TestParamInfo<PolicyCase>& info) { return info.param.label; });
+#undef APP
 #undef POLICY
 #undef LIST
+// clang-format on
 
 struct FileClose {
   void operator()(std::FILE* f) const { std::fclose(f); }
@@ -173,7 +188,7 @@ Lines WhitelistOf(std::string text) {
   return values;
 }
 
-TEST(Whitelist, MarkerIsSkippedOnceAndSwitchesNothing) {
+TEST(WhitelistLines, MarkerIsSkippedOnceAndSwitchesNothing) {
   EXPECT_EQ(Lines{"/usr/bin/app"}, WhitelistOf("enabled=1\n/usr/bin/app\n"));
   EXPECT_EQ((Lines{"a", "b"}), WhitelistOf("a\n\n\nb"));
   EXPECT_EQ((Lines{"a", "enabled=0", "enabled=1", "x"}),
@@ -181,7 +196,7 @@ TEST(Whitelist, MarkerIsSkippedOnceAndSwitchesNothing) {
   EXPECT_EQ(Lines{"z"}, WhitelistOf("enabled=1 and more\nz\n"));
 }
 
-TEST(Whitelist, LinesAreVerbatimButForOneLineEnd) {
+TEST(WhitelistLines, LinesAreVerbatimButForOneLineEnd) {
   EXPECT_EQ((Lines{"a\r", "b\r"}), WhitelistOf("a\r\nb\r\n"));
   // A carriage return ends no line; one at the very end goes as the line end.
   EXPECT_EQ((Lines{"a\r\r", "  # b ; ", "x"}), WhitelistOf("a\r\r\n  # b ; \nx\r"));
@@ -190,7 +205,7 @@ TEST(Whitelist, LinesAreVerbatimButForOneLineEnd) {
   EXPECT_EQ((std::vector<Log>{{I, "_readWListClient insert:x y"}}), ReaderLogs(capture));
 }
 
-TEST(Whitelist, LongLinesAreSplitAt2046Characters) {
+TEST(WhitelistLines, LongLinesAreSplitAt2046Characters) {
   const std::string x(2046, 'x');
   EXPECT_EQ((Lines{x, "yyy"}), WhitelistOf(x + "yyy\n"));
   EXPECT_EQ((Lines{x, "n"}), WhitelistOf(x + "\nn\n"));  // the line end alone: empty
@@ -212,7 +227,7 @@ ssize_t ReadThenFail(void* cookie, char* buf, size_t size) {
   return static_cast<ssize_t>(n);
 }
 
-TEST(Whitelist, ReadErrorEndsTheLoopKeepingWhatWasRead) {
+TEST(WhitelistLines, ReadErrorEndsTheLoopKeepingWhatWasRead) {
   std::string data = "a\nb\n";
   std::unique_ptr<std::FILE, FileClose> in(
       fopencookie(&data, "r", cookie_io_functions_t{ReadThenFail, nullptr, nullptr, nullptr}));
