@@ -24,6 +24,12 @@ if [ "${1:-}" != "--inside" ]; then
   exec unshare --user --map-root-user --mount --net -- "$0" --inside "$build"
 fi
 build=$2
+# A simulator that died must not kill this script silently on the next write to
+# its input: the write fails instead, and the ERR trap says what happened.
+trap '' PIPE
+# Whatever happens, the processes this script started do not outlive it.
+started=()
+trap 'trap - ERR; for p in "${started[@]}"; do kill -KILL "$p" 2>/dev/null || true; done' EXIT
 
 # ---------------------------------------------------------------- helpers
 
@@ -33,6 +39,8 @@ elapsed() { awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%5.1fs", b - a
 section() { printf '\n%s== %s%s  %s(%s)%s\n' "$bold" "$*" "$off" "$dim" "$(elapsed)" "$off"; }
 say() { printf '   %s\n' "$*"; }
 die() {
+  trap - ERR
+  set +e
   printf '\ndemo: FAILED: %s\n' "$*" >&2
   for f in "${DEMO:-/nonexistent}"/sim.out "${DEMO:-/nonexistent}"/daemon.out "$(info_log)"; do
     [ -s "$f" ] && { echo "--- last lines of $f" >&2; tail -n 20 "$f" >&2; }
@@ -87,8 +95,8 @@ after() { tail -n +"$(($2 + 1))" "$1" 2>/dev/null || true; }
 has_after() { after "$1" "$2" | grep -qF -- "$3"; }
 at_least() { [ "$(grep -cF -- "$3" "$2" 2>/dev/null)" -ge "$1" ]; }
 
-info_log() { ls "$LOGDIR"/tolvarind.info.* 2>/dev/null | head -1; }
-error_log() { ls "$LOGDIR"/tolvarind.error.* 2>/dev/null | head -1; }
+info_log() { { ls "$LOGDIR"/tolvarind.info.* 2>/dev/null || true; } | head -1; }
+error_log() { { ls "$LOGDIR"/tolvarind.error.* 2>/dev/null || true; } | head -1; }
 # glog lines without the date, time and thread id: "I tolvarind.cpp:123] text".
 glog_short() { sed -E 's/^([IWEF])[0-9]{8} [0-9:.]+ +[0-9]+ /\1 /'; }
 
@@ -227,13 +235,15 @@ say "stand-ins: $POPUP, $SSO, $AUM, notify-send, demo-calculator (they log to $R
 # ---------------------------------------------------------------- 3. start
 
 mkfifo "$DEMO/sim.in"
-"$VENTRALD_SIM" --socket "$SOCK" <"$DEMO/sim.in" >"$DEMO/sim.out" 2>&1 &
+(trap - PIPE; exec "$VENTRALD_SIM" --socket "$SOCK" <"$DEMO/sim.in" >"$DEMO/sim.out" 2>&1) &
 sim_pid=$!
+started+=("$sim_pid")
 exec {sim}>"$DEMO/sim.in"
 wait_until 5 "ventrald-sim to listen" test -S "$SOCK"
 
-(cd / && PATH="$STANDINS:$PATH" exec "$TOLVARIND" >"$DEMO/daemon.out" 2>&1) &
+(trap - PIPE; cd / && PATH="$STANDINS:$PATH" exec "$TOLVARIND" >"$DEMO/daemon.out" 2>&1) &
 daemon_pid=$!
+started+=("$daemon_pid")
 section "Started ventrald-sim on $SOCK and tolvarind (pid $daemon_pid)"
 say "tolvarind waits 3 s before its first start-up attempt"
 
