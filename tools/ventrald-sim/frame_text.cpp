@@ -51,17 +51,28 @@ bool DecodeRegistration(const std::string& body, std::string* id) {
 
 std::string CodeName(uint16_t s_cmd) {
   switch (s_cmd) {
-    case SANDBOX_S2B_OPENBSAPP: return "SANDBOX_S2B_OPENBSAPP";
-    case SANDBOX_S2B_RESPONSE: return "SANDBOX_S2B_RESPONSE";
-    case SANDBOX_S2B_OPEN_DRAVIN_PORTAL: return "SANDBOX_S2B_OPEN_DRAVIN_PORTAL";
-    case SANDBOX_A2F_ILLEGAL: return "SANDBOX_A2F_ILLEGAL";
-    case SANDBOX_TO_LOCAL: return "SANDBOX_TO_LOCAL";
-    case SDP_PROTO_REGISTER: return "SDP_PROTO_REGISTER";
-    case SDP_PROTO_OPEN_SANDBOX: return "SDP_PROTO_OPEN_SANDBOX";
-    case SDP_PROTO_CLOSE_SANDBOX: return "SDP_PROTO_CLOSE_SANDBOX";
-    case SDP_PROTO_HEARTBEAT: return "SDP_PROTO_HEARTBEAT";
-    case SDP_PROTO_HTTPS_QUERY: return "SDP_PROTO_HTTPS_QUERY";
-    default: return "";
+    case SANDBOX_S2B_OPENBSAPP:
+      return "SANDBOX_S2B_OPENBSAPP";
+    case SANDBOX_S2B_RESPONSE:
+      return "SANDBOX_S2B_RESPONSE";
+    case SANDBOX_S2B_OPEN_DRAVIN_PORTAL:
+      return "SANDBOX_S2B_OPEN_DRAVIN_PORTAL";
+    case SANDBOX_A2F_ILLEGAL:
+      return "SANDBOX_A2F_ILLEGAL";
+    case SANDBOX_TO_LOCAL:
+      return "SANDBOX_TO_LOCAL";
+    case SDP_PROTO_REGISTER:
+      return "SDP_PROTO_REGISTER";
+    case SDP_PROTO_OPEN_SANDBOX:
+      return "SDP_PROTO_OPEN_SANDBOX";
+    case SDP_PROTO_CLOSE_SANDBOX:
+      return "SDP_PROTO_CLOSE_SANDBOX";
+    case SDP_PROTO_HEARTBEAT:
+      return "SDP_PROTO_HEARTBEAT";
+    case SDP_PROTO_HTTPS_QUERY:
+      return "SDP_PROTO_HTTPS_QUERY";
+    default:
+      return "";
   }
 }
 
@@ -69,12 +80,24 @@ std::string EscapeText(const std::string& bytes) {
   std::string out;
   for (unsigned char c : bytes) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\0': out += "\\0"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\0':
+        out += "\\0";
+        break;
       default:
         if (c < 0x20 || c == 0x7f) {
           char buf[8];

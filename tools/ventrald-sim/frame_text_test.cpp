@@ -20,7 +20,8 @@ TEST(FrameText, ClientFramesAreDecodedByCode) {
   const std::vector<Case> cases = {
       {1, 0x1005, S("1005abc\n\0", 9), "register (0x1005): sandbox id \"abc\""},
       {1, 0x1005, S("1005\n\0", 6), "register (0x1005): sandbox id \"\""},
-      {1, 0x1111, "abc#10.0.0.5#", "heartbeat (0x1111): sandbox id \"abc\", ipv4 10.0.0.5, ipv6 (none)"},
+      {1, 0x1111, "abc#10.0.0.5#",
+       "heartbeat (0x1111): sandbox id \"abc\", ipv4 10.0.0.5, ipv6 (none)"},
       {1, 0x1111, "abc#10.0.0.5#fe80::1;fe80::2",
        "heartbeat (0x1111): sandbox id \"abc\", ipv4 10.0.0.5, ipv6 fe80::1;fe80::2"},
       {1, 0x1111, "abc##", "heartbeat (0x1111): sandbox id \"abc\", ipv4 (none), ipv6 (none)"},
@@ -42,7 +43,8 @@ TEST(FrameText, MalformedBodiesFallBackToHexAndSayWhy) {
   const std::vector<Case> cases = {
       // Registration without its NUL, with a wrong prefix, with an inner NUL.
       {0x1005, "1005abc\n",
-       "frame m_cmd 1 s_cmd 0x1005 SDP_PROTO_REGISTER (registration not in the form 1005<id>\\n\\0), "
+       "frame m_cmd 1 s_cmd 0x1005 SDP_PROTO_REGISTER (registration not in the form "
+       "1005<id>\\n\\0), "
        "8 bytes: 31 30 30 35 61 62 63 0a  \"1005abc\\n\""},
       {0x1005, S("1006abc\n\0", 9), ""},
       {0x1005, S("1005a\0b\n\0", 9), ""},
@@ -71,7 +73,8 @@ TEST(FrameText, UnknownCodesShowHexAndEscapedText) {
   EXPECT_EQ(DescribeReceived(1, 0x1234, S("a\0\x01\"\\\xe6\xa1\x8c", 8)),
             "frame m_cmd 1 s_cmd 0x1234, 8 bytes: 61 00 01 22 5c e6 a1 8c  "
             "\"a\\0\\x01\\\"\\\\\xe6\xa1\x8c\"");
-  EXPECT_EQ(DescribeReceived(1, 0x301, ""), "frame m_cmd 1 s_cmd 0x301 SANDBOX_S2B_OPENBSAPP, 0 bytes");
+  EXPECT_EQ(DescribeReceived(1, 0x301, ""),
+            "frame m_cmd 1 s_cmd 0x301 SANDBOX_S2B_OPENBSAPP, 0 bytes");
 }
 
 TEST(FrameText, LongBodiesAreCutInHexOnly) {
@@ -94,7 +97,8 @@ TEST(FrameText, SentFramesNameTheirCode) {
 }
 
 TEST(FrameText, EveryProtocolCodeHasAName) {
-  for (uint16_t code : {0x301, 0x303, 0x306, 0x501, 0x1001, 0x1005, 0x1012, 0x1013, 0x1111, 0x1113}) {
+  for (uint16_t code :
+       {0x301, 0x303, 0x306, 0x501, 0x1001, 0x1005, 0x1012, 0x1013, 0x1111, 0x1113}) {
     EXPECT_FALSE(CodeName(code).empty()) << std::hex << code;
   }
   EXPECT_EQ(CodeName(0x302), "");

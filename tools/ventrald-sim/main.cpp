@@ -141,7 +141,8 @@ bool Execute(const Command& c, sdppeer::PeerServer& peer, ClientWatch& watch, Pr
       return true;
     case CommandKind::kWaitClient:
       if (watch.Wait(peer, c.seconds)) return true;
-      if (!g_stop) out.Error("wait-client: no client connected within " + std::to_string(c.seconds) + " s");
+      if (!g_stop)
+        out.Error("wait-client: no client connected within " + std::to_string(c.seconds) + " s");
       return false;
     case CommandKind::kClose:
       if (!peer.Connected()) {
@@ -165,7 +166,8 @@ bool Execute(const Command& c, sdppeer::PeerServer& peer, ClientWatch& watch, Pr
         return false;
       }
       if (c.kind == CommandKind::kSend)
-        out.Line("-> " + conn + " " + c.name + " " + ventraldsim::DescribeSent(c.m_cmd, c.s_cmd, c.body));
+        out.Line("-> " + conn + " " + c.name + " " +
+                 ventraldsim::DescribeSent(c.m_cmd, c.s_cmd, c.body));
       else
         out.Line("-> " + conn + " " + c.name + " m_cmd " + std::to_string(c.m_cmd) + " s_cmd " +
                  std::to_string(c.s_cmd) + ", header only, announcing " + std::to_string(c.msglen) +
@@ -205,7 +207,8 @@ int main(int argc, char** argv) {
 
   std::string error;
   if (SomeoneListens(opt.socket_path)) {
-    std::fprintf(stderr, "%s: something already listens on %s (a real ventrald?); not taking it over\n",
+    std::fprintf(stderr,
+                 "%s: something already listens on %s (a real ventrald?); not taking it over\n",
                  program.c_str(), opt.socket_path.c_str());
     return 1;
   }

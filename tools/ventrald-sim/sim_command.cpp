@@ -26,8 +26,7 @@ constexpr SendSpec kSendSpecs[] = {
      "the daemon runs dravinSSO.sh <url>"},
     {"illegal", SANDBOX_A2F_ILLEGAL, Arg::kRequired, "<app>",
      "the daemon notifies: <app> not whitelisted"},
-    {"popup", SANDBOX_TO_LOCAL, Arg::kRequired, "<args>",
-     "the daemon runs sdpPopup.sh <args>"},
+    {"popup", SANDBOX_TO_LOCAL, Arg::kRequired, "<args>", "the daemon runs sdpPopup.sh <args>"},
     {"response", SANDBOX_S2B_RESPONSE, Arg::kOptional, "[text]", "only logged"},
     {"open-sandbox", SDP_PROTO_OPEN_SANDBOX, Arg::kNone, "", "only logged"},
     {"close-sandbox", SDP_PROTO_CLOSE_SANDBOX, Arg::kNone, "", "only logged"},
@@ -88,7 +87,8 @@ ParseResult ParseRaw(const std::string& name, const std::string& args) {
   std::string m_text, rest, s_text, body_text;
   SplitWord(args, &m_text, &rest);
   SplitWord(rest, &s_text, &body_text);
-  const char* usage = name == "raw" ? "raw <m_cmd> <s_cmd> [body]" : "raw-header <m_cmd> <s_cmd> <msglen>";
+  const char* usage =
+      name == "raw" ? "raw <m_cmd> <s_cmd> [body]" : "raw-header <m_cmd> <s_cmd> <msglen>";
   if (m_text.empty() || s_text.empty()) return Fail(name + " needs: " + usage);
   Command c;
   c.name = name;
@@ -134,7 +134,8 @@ bool ParseU16(const std::string& text, uint16_t* out) {
     i = 2;
   }
   for (; i < text.size(); ++i) {
-    int d = base == 16 ? HexValue(text[i]) : (text[i] >= '0' && text[i] <= '9' ? text[i] - '0' : -1);
+    int d =
+        base == 16 ? HexValue(text[i]) : (text[i] >= '0' && text[i] <= '9' ? text[i] - '0' : -1);
     if (d < 0) return false;
     value = value * base + d;
     if (value > 65535) return false;
@@ -156,11 +157,21 @@ bool Unescape(const std::string& in, std::string* out, std::string* error) {
     }
     char e = in[++i];
     switch (e) {
-      case '\\': out->push_back('\\'); break;
-      case 'n': out->push_back('\n'); break;
-      case 'r': out->push_back('\r'); break;
-      case 't': out->push_back('\t'); break;
-      case '0': out->push_back('\0'); break;
+      case '\\':
+        out->push_back('\\');
+        break;
+      case 'n':
+        out->push_back('\n');
+        break;
+      case 'r':
+        out->push_back('\r');
+        break;
+      case 't':
+        out->push_back('\t');
+        break;
+      case '0':
+        out->push_back('\0');
+        break;
       case 'x': {
         int hi = i + 1 < in.size() ? HexValue(in[i + 1]) : -1;
         int lo = i + 2 < in.size() ? HexValue(in[i + 2]) : -1;
@@ -224,7 +235,7 @@ ParseResult ParseCommandLine(const std::string& raw_line) {
   }
   if (word == "close" || word == "help" || word == "quit" || word == "exit") {
     if (!args.empty()) return Fail(word + " takes no argument (got " + Quoted(args) + ")");
-    c.kind = word == "close" ? CommandKind::kClose
+    c.kind = word == "close"  ? CommandKind::kClose
              : word == "help" ? CommandKind::kHelp
                               : CommandKind::kQuit;
     return Ok(std::move(c));
@@ -293,8 +304,9 @@ OptionsResult ParseOptions(int argc, const char* const argv[], const std::string
       std::string text;
       if (!take_value(&text)) return fail("option " + arg + " needs a command");
       ParseResult p = ParseCommandLine(text);
-      if (!p.ok) return fail("command " + std::to_string(r.options.commands.size() + 1) + " (" + text +
-                             "): " + p.error);
+      if (!p.ok)
+        return fail("command " + std::to_string(r.options.commands.size() + 1) + " (" + text +
+                    "): " + p.error);
       r.options.commands.push_back(std::move(p.command));
     } else if (arg == "--no-heartbeats") {
       if (has_inline) return fail("option --no-heartbeats takes no value");
@@ -310,20 +322,26 @@ OptionsResult ParseOptions(int argc, const char* const argv[], const std::string
 }
 
 std::string Usage(const std::string& program, const std::string& default_socket) {
-  return "Usage: " + program + " [options]\n"
+  return "Usage: " + program +
+         " [options]\n"
          "Plays the peer daemon ventrald for a tolvarind client: listens on a Unix socket,\n"
          "prints every frame the client sends, decoded, and sends the commands given with\n"
          "-c (in order, then exits) or read line by line from standard input.\n"
          "\n"
          "Options:\n"
-         "  -s, --socket PATH    listen here (default " + default_socket + ")\n"
+         "  -s, --socket PATH    listen here (default " +
+         default_socket +
+         ")\n"
          "  -c, --command LINE   a command to run; repeat for several\n"
          "      --no-heartbeats  do not print the client's heartbeats\n"
          "  -h, --help           this text\n"
-         "\n" + CommandHelp() +
+         "\n" +
+         CommandHelp() +
          "\n"
          "Example:\n"
-         "  " + program + " -c 'wait-client' -c 'portal https://portal.example/' -c 'wait 2'\n"
+         "  " +
+         program +
+         " -c 'wait-client' -c 'portal https://portal.example/' -c 'wait 2'\n"
          "\n"
          "Exit status: 0 when every command succeeded, 1 when one failed, 2 for bad options.\n";
 }

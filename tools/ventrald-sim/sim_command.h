@@ -28,12 +28,12 @@ enum class CommandKind {
 
 struct Command {
   CommandKind kind = CommandKind::kNothing;
-  std::string name;    // the command word as typed ("portal"), empty for kNothing
-  uint16_t m_cmd = 0;  // kSend, kSendHeader
-  uint16_t s_cmd = 0;  // kSend, kSendHeader
-  uint16_t msglen = 0; // kSendHeader
-  std::string body;    // kSend: the exact body bytes
-  double seconds = 0;  // kWait, kWaitClient
+  std::string name;     // the command word as typed ("portal"), empty for kNothing
+  uint16_t m_cmd = 0;   // kSend, kSendHeader
+  uint16_t s_cmd = 0;   // kSend, kSendHeader
+  uint16_t msglen = 0;  // kSendHeader
+  std::string body;     // kSend: the exact body bytes
+  double seconds = 0;   // kWait, kWaitClient
 };
 
 struct ParseResult {

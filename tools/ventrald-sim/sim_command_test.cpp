@@ -22,7 +22,8 @@ TEST(SimCommandLine, SendCommandsMapToTheirCodesAndKeepTheArgumentVerbatim) {
       {"open-app echo 'a  b' | tr a z", 2, 0x301, "echo 'a  b' | tr a z"},
       {"portal https://portal.example/sso?x=1&y=2", 2, 0x306, "https://portal.example/sso?x=1&y=2"},
       {"illegal /usr/bin/gimp", 2, 0x501, "/usr/bin/gimp"},
-      {"popup --title \"Access\" --text \"denied\"", 2, 0x1001, "--title \"Access\" --text \"denied\""},
+      {"popup --title \"Access\" --text \"denied\"", 2, 0x1001,
+       "--title \"Access\" --text \"denied\""},
       {"response", 2, 0x303, ""},
       {"response done", 2, 0x303, "done"},
       {"open-sandbox", 2, 0x1012, ""},
@@ -158,8 +159,9 @@ TEST(SimCommandLine, HelpListsExactlyTheCommandsTheParserKnows) {
       listed.push_back(line.substr(2, line.find(' ', 2) - 2));
   }
   const std::vector<std::string> want = {
-      "open-app", "portal", "illegal", "popup", "response", "open-sandbox", "close-sandbox",
-      "heartbeat", "raw", "raw-header", "close", "wait", "wait-client", "help", "quit"};
+      "open-app",     "portal",        "illegal",     "popup", "response",
+      "open-sandbox", "close-sandbox", "heartbeat",   "raw",   "raw-header",
+      "close",        "wait",          "wait-client", "help",  "quit"};
   EXPECT_EQ(listed, want);
   for (const auto& word : listed) {
     ParseResult r = ParseCommandLine(word);
@@ -180,8 +182,8 @@ TEST(SimOptions, DefaultsAndEveryOptionForm) {
   EXPECT_TRUE(r.options.show_heartbeats);
   EXPECT_FALSE(r.options.help);
 
-  r = Parse({"-s", "/a.sock", "-c", "wait-client", "--command", "portal http://x", "--no-heartbeats",
-             "--command=open-app ls -l"});
+  r = Parse({"-s", "/a.sock", "-c", "wait-client", "--command", "portal http://x",
+             "--no-heartbeats", "--command=open-app ls -l"});
   ASSERT_TRUE(r.ok) << r.error;
   EXPECT_EQ(r.options.socket_path, "/a.sock");
   EXPECT_FALSE(r.options.show_heartbeats);
