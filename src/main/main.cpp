@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -26,6 +27,10 @@ void QuiesceClientAtExit() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Opt-in: the loopback HTTPS endpoint, which the start-up sequence never runs.
+  bool https_endpoint = false;
+  for (int i = 1; i < argc; ++i)
+    if (std::strcmp(argv[i], "--https-endpoint") == 0) https_endpoint = true;
   SandboxLOG logging(argc > 0 && argv[0] ? argv[0] : "tolvarind");
   setupSignal();
   auto client = std::make_unique<tolvarind>();
@@ -36,7 +41,15 @@ int main(int argc, char** argv) {
     if (client->init()) break;
     LOG(INFO) << "init error...";
   }
+  if (https_endpoint) std::thread([c = client.get()] { c->start_https_server(); }).detach();
   client->run();
+  if (https_endpoint) {
+    // The endpoint's thread cannot be stopped from here and may still relay
+    // through the client: keep it (and its heartbeat quiesced at exit) until
+    // the process ends.
+    (void)client.release();
+    return 0;
+  }
   g_client = nullptr;
   client.reset();
   return 0;

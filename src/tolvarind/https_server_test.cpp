@@ -134,6 +134,30 @@ class Endpoint {
   std::future<int> result_;
 };
 
+// The daemon executable, killed at the end of the test if still running.
+struct Daemon {
+  explicit Daemon(std::vector<const char*> argv) {
+    argv.push_back(nullptr);
+    posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char* const*>(argv.data()), environ);
+  }
+  ~Daemon() {
+    if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+  }
+  // SIGINT, then the number of the signal that ended the process (0 if none did in time).
+  int Interrupt() {
+    kill(pid, SIGINT);
+    int status = 0;
+    for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;
+         std::this_thread::sleep_for(10ms))
+      if (waitpid(pid, &status, WNOHANG) == pid) {
+        pid = -1;
+        return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+      }
+    return 0;
+  }
+  pid_t pid = -1;
+};
+
 std::set<int> OpenFds() {
   std::set<int> fds;
   for (const auto& e : fs::directory_iterator("/proc/self/fd"))
@@ -238,7 +262,7 @@ TEST_F(HttpsEndpointTest, ServesOnlyTls12AndLaterWithP256OnLoopbackWithCloseOnEx
   EXPECT_EQ(ConnectError(testsupport::kSandboxIpv4, kDefaultPort), ECONNREFUSED);
 
   // With a connection held open, every descriptor the endpoint has is close-on-exec.
-  auto held = std::async(std::launch::async, [] { return Fetch(Get("/"), 1s); });
+  auto held = std::async(std::launch::async, [] { return Fetch(Get("/"), 500ms); });
   ASSERT_TRUE(log_.wait_prefix("got query failed", 5s));
   int checked = 0;
   for (int fd : OpenFds()) {
@@ -283,28 +307,13 @@ TEST_F(HttpsEndpointTest, MissingKeyFileFailsSetUp) {
   EXPECT_EQ(ConnectError("127.0.0.1", kDefaultPort), ECONNREFUSED);
 }
 
-// The daemon runs the endpoint only when asked; SIGINT then ends the endpoint
-// and leaves the daemon running.
+// The daemon runs the endpoint only when asked; a first SIGINT then ends the
+// endpoint and leaves the daemon running, a second one ends the daemon.
 TEST_F(HttpsEndpointTest, DaemonRunsTheEndpointOnlyWithItsSwitch) {
-  auto spawn = [](std::vector<const char*> argv) {
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char* const*>(argv.data()), environ);
-    return pid;
-  };
-  auto wait_exit = [](pid_t pid) {
-    int status = -1;
-    for (auto end = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < end;
-         std::this_thread::sleep_for(10ms))
-      if (waitpid(pid, &status, WNOHANG) == pid) return status;
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
-  };
-  const pid_t plain = spawn({TOLVARIND_EXE});
-  const pid_t served = spawn({TOLVARIND_EXE, "--https-endpoint"});
-  ASSERT_GT(plain, 0);
-  ASSERT_GT(served, 0);
+  Daemon plain({TOLVARIND_EXE});
+  Daemon served({TOLVARIND_EXE, "--https-endpoint"});
+  ASSERT_GT(plain.pid, 0);
+  ASSERT_GT(served.pid, 0);
   EXPECT_EQ(peer_.WaitFrames(2, 15s, [](const sdppeer::Frame& f) {
                    return f.s_cmd == SDP_PROTO_REGISTER;
                  }).size(), 2u);
@@ -312,15 +321,12 @@ TEST_F(HttpsEndpointTest, DaemonRunsTheEndpointOnlyWithItsSwitch) {
   EXPECT_NE(Fetch(Get("/d?x=1")).text.find(kPage), std::string::npos);
   EXPECT_EQ(Queries(1), std::vector<std::string>{std::string("x=1\0", 4)});
 
-  kill(plain, SIGINT);  // no endpoint there, so SIGINT keeps its default action
-  const int plain_status = wait_exit(plain);
-  EXPECT_TRUE(WIFSIGNALED(plain_status) && WTERMSIG(plain_status) == SIGINT) << plain_status;
-  kill(served, SIGINT);
+  // No endpoint in the plain daemon, so SIGINT keeps its default action there.
+  EXPECT_EQ(plain.Interrupt(), SIGINT);
+  kill(served.pid, SIGINT);
   EXPECT_TRUE(WaitListening(false));
-  EXPECT_EQ(waitpid(served, nullptr, WNOHANG), 0);  // still running
-  kill(served, SIGTERM);
-  const int served_status = wait_exit(served);
-  EXPECT_TRUE(WIFEXITED(served_status) && WEXITSTATUS(served_status) == 0) << served_status;
+  EXPECT_EQ(waitpid(served.pid, nullptr, WNOHANG), 0);  // still running
+  EXPECT_EQ(served.Interrupt(), SIGINT);                // the earlier SIGINT action is back
 }
 
 }  // namespace
