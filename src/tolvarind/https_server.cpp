@@ -124,9 +124,12 @@ std::string CertFilePath(const char* section, const char* key, const char* def) 
 }  // namespace
 
 int tolvarind::start_https_server() {
-  // Declared before the SIGINT scope so that it is freed after SIGINT has
-  // stopped pointing at it.
+  // The owners come before the SIGINT scope: SIGINT gets its earlier action
+  // back, and shutdown_handler lets go of the base, before any of them is freed
+  // (server, context, then base).
   EventBasePtr base;
+  SslCtxPtr ctx;
+  EvhttpPtr http;
   SigintScope sigint;
   LOG(INFO) << "Comm::start_https_server";
 
@@ -138,7 +141,7 @@ int tolvarind::start_https_server() {
   }
   shutdown_handler = [&base](int) { event_base_loopexit(base.get(), nullptr); };
 
-  SslCtxPtr ctx(SSL_CTX_new(TLS_server_method()));
+  ctx.reset(SSL_CTX_new(TLS_server_method()));
   if (!ctx) {
     LOG(ERROR) << "Failed to create SSL context.";
     return -1;
@@ -166,7 +169,7 @@ int tolvarind::start_https_server() {
   // A stale entry would make the first handshake's error check misread it.
   ERR_clear_error();
 
-  EvhttpPtr http(evhttp_new(base.get()));
+  http.reset(evhttp_new(base.get()));
   if (!http) {
     LOG(ERROR) << "Failed to init http server.";
     return -1;
@@ -182,7 +185,7 @@ int tolvarind::start_https_server() {
   }
   if (event_base_dispatch(base.get()) != 0) LOG(ERROR) << "Failed to run message loop.";
   std::cout << "Exiting." << std::endl;
-  return 0;  // frees the server, the context, then (after SIGINT) the base
+  return 0;
 }
 
 struct bufferevent* tolvarind::create_ssl_bufferevent(struct event_base* base, void* arg) {
