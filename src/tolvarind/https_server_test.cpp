@@ -119,7 +119,8 @@ TlsReply Fetch(const std::string& request, std::chrono::milliseconds quiet = 5s,
 class Endpoint {
  public:
   explicit Endpoint(tolvarind& client)
-      : result_(std::async(std::launch::async, [&client] { return client.start_https_server(); })) {}
+      : result_(std::async(std::launch::async, [&client] { return client.start_https_server(); })) {
+  }
   ~Endpoint() {
     if (result_.valid()) Interrupt();
   }
@@ -174,8 +175,10 @@ class HttpsEndpointTest : public ::testing::Test {
     const std::string dir = sdp_paths::kCertDir;
     fs::create_directories(dir);
     ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
-                           "-days 1 -subj /CN=127.0.0.1 -keyout " + dir + "/SDProot.key -out " +
-                           dir + "/SDProot.crt 2>/dev/null").c_str()), 0);
+                           "-days 1 -subj /CN=127.0.0.1 -keyout " +
+                           dir + "/SDProot.key -out " + dir + "/SDProot.crt 2>/dev/null")
+                              .c_str()),
+              0);
     WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=sbx\n");
     ASSERT_TRUE(peer_.Listen(sdp_paths::kDaemonSocket));
     ASSERT_TRUE(client_.init());
@@ -185,9 +188,8 @@ class HttpsEndpointTest : public ::testing::Test {
   // Bodies of the query frames the peer holds, once `count` are in.
   std::vector<std::string> Queries(size_t count) {
     std::vector<std::string> bodies;
-    for (const auto& f : peer_.WaitFrames(count, 5s, [](const sdppeer::Frame& f) {
-           return f.s_cmd == SDP_PROTO_HTTPS_QUERY;
-         })) {
+    for (const auto& f : peer_.WaitFrames(
+             count, 5s, [](const sdppeer::Frame& f) { return f.s_cmd == SDP_PROTO_HTTPS_QUERY; })) {
       EXPECT_EQ(f.m_cmd, MCMD_TO_DAEMON);
       bodies.push_back(f.body);
     }
@@ -314,9 +316,11 @@ TEST_F(HttpsEndpointTest, DaemonRunsTheEndpointOnlyWithItsSwitch) {
   Daemon served({TOLVARIND_EXE, "--https-endpoint"});
   ASSERT_GT(plain.pid, 0);
   ASSERT_GT(served.pid, 0);
-  EXPECT_EQ(peer_.WaitFrames(2, 15s, [](const sdppeer::Frame& f) {
-                   return f.s_cmd == SDP_PROTO_REGISTER;
-                 }).size(), 2u);
+  EXPECT_EQ(
+      peer_
+          .WaitFrames(2, 15s, [](const sdppeer::Frame& f) { return f.s_cmd == SDP_PROTO_REGISTER; })
+          .size(),
+      2u);
   EXPECT_TRUE(WaitListening(true));
   EXPECT_NE(Fetch(Get("/d?x=1")).text.find(kPage), std::string::npos);
   EXPECT_EQ(Queries(1), std::vector<std::string>{std::string("x=1\0", 4)});
