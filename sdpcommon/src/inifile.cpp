@@ -16,11 +16,15 @@ bool IsIniSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'
 
 bool IsCommentChar(char c) { return c == '#' || c == ';'; }
 
-// Copies at most kIniLineMax - 1 bytes of `src` into `dst` (zero-filled,
-// kIniLineMax bytes), so the working copy is always terminated.
+// Copies at most kIniLineMax - 1 bytes of `src` into `dst` (kIniLineMax
+// bytes), so the working copy is always terminated. Only the string is
+// written: every line of a file passes through here several times, and
+// clearing the whole buffer each time made a lookup cost grow with the buffer
+// size instead of the line length.
 void CopyToWork(char* dst, const char* src) {
-  std::memset(dst, 0, kIniLineMax);
-  std::strncpy(dst, src, kIniLineMax - 1);
+  const size_t n = strnlen(src, kIniLineMax - 1);
+  std::memcpy(dst, src, n);
+  dst[n] = '\0';
 }
 
 struct FileCloser {
@@ -114,8 +118,8 @@ int GetItem(const char* line, char* key, unsigned long keySize, char* value,
   if (eq == nullptr) return -1;
 
   char keyBuf[kIniLineMax];
-  std::memset(keyBuf, 0, sizeof keyBuf);
   std::memcpy(keyBuf, buf, static_cast<size_t>(eq - buf));
+  keyBuf[eq - buf] = '\0';
   lrtrim(keyBuf);
   // Signed 32-bit comparison on purpose: an absurd size that wraps negative
   // (or to something small) rejects the key instead of trusting the buffer.
@@ -128,9 +132,10 @@ int GetItem(const char* line, char* key, unsigned long keySize, char* value,
 
   // An inline comment ends every value, also inside quotes.
   char valBuf[kIniLineMax];
-  std::memset(valBuf, 0, sizeof valBuf);
   const char* v = eq + 1;
-  std::memcpy(valBuf, v, std::strcspn(v, "#;"));
+  const size_t vlen = std::strcspn(v, "#;");
+  std::memcpy(valBuf, v, vlen);
+  valBuf[vlen] = '\0';
   lrtrim(valBuf);
 
   // One pair of enclosing double quotes is dropped. A lone quote is not a
@@ -163,18 +168,14 @@ int inifile_read(const char* file, const char* section, const char* key, char* o
   // Only the first header that matches is searched; items before it, and
   // later repetitions of the same section, are never looked at.
   bool inSection = false;
+  // fgets, GetSectionName and GetItem each leave a terminated string (or
+  // report failure), so the buffers are not cleared for every line.
   while (!inSection) {
-    std::memset(line, 0, sizeof line);
-    std::memset(name, 0, sizeof name);
-    std::memset(value, 0, sizeof value);
     if (std::fgets(line, sizeof line, fp.get()) == nullptr) return -1;
     inSection = GetSectionName(line, name, sizeof name) == 0 && str_nocase_cmp(name, section) == 0;
   }
 
   for (;;) {
-    std::memset(line, 0, sizeof line);
-    std::memset(name, 0, sizeof name);
-    std::memset(value, 0, sizeof value);
     if (std::fgets(line, sizeof line, fp.get()) == nullptr) return -1;
     // Tested as an item first: "[x]=1" inside a section is the key "[x]".
     if (GetItem(line, name, sizeof name, value, sizeof value) == 0) {
