@@ -10,7 +10,7 @@
 //   all        every one of them
 //
 // Usage: daemon_bench <what> [--frames N] [--commands N] [--idle-seconds S]
-//                            [--https-seconds S] [--rounds N]
+//                            [--https-seconds S] [--rounds N] [--items N]
 #include <dirent.h>
 #include <signal.h>
 #include <sys/inotify.h>
@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -89,21 +90,36 @@ bool Daemon::Start(bool answerHeartbeats, const std::vector<std::string>& args) 
   }
   spawnMicros = benchrun::NowMicrosOfDay();
   spawnMono = benchrun::MonoSeconds();
-  std::vector<std::string> argv{TOLVARIND_BIN};
+  // BENCH_DAEMON_WRAPPER puts a profiler in front of the daemon, e.g.
+  // "valgrind --tool=callgrind": valgrind keeps the process id, which names
+  // the log file.
+  std::vector<std::string> argv;
+  if (const char* wrap = std::getenv("BENCH_DAEMON_WRAPPER")) {
+    std::istringstream words(wrap);
+    for (std::string w; words >> w;) argv.push_back(w);
+  }
+  argv.push_back(TOLVARIND_BIN);
   argv.insert(argv.end(), args.begin(), args.end());
   proc = std::make_unique<benchrun::Child>(argv);
-  if (!proc->Started()) return false;
+  if (!proc->Started()) {
+    std::fprintf(stderr, "could not start %s\n", argv[0].c_str());
+    return false;
+  }
   // The daemon waits 3 s before its first start-up attempt.
   if (!peer.WaitFrame(kRegister, 15000ms)) {
     std::fprintf(stderr, "daemon did not register\n");
     return false;
   }
-  return benchrun::WaitUntil(
-      [this] {
-        log.SetPath(benchrun::InfoLogPath(proc->pid()));
-        return !log.path().empty();
-      },
-      5000ms);
+  if (!benchrun::WaitUntil(
+          [this] {
+            log.SetPath(benchrun::InfoLogPath(proc->pid()));
+            return !log.path().empty();
+          },
+          5000ms)) {
+    std::fprintf(stderr, "no INFO log file of process %d\n", static_cast<int>(proc->pid()));
+    return false;
+  }
+  return true;
 }
 
 bool Daemon::WaitLines(const char* prefix, size_t count, benchrun::Millis timeout,
@@ -151,6 +167,51 @@ double TimedBurst(sdppeer::PeerServer& peer, const std::string& burst, size_t fr
 
 }  // namespace
 
+namespace {
+
+// The minimal reader's frames/s; `glog` makes it log through glog.
+double ReaderBurst(const std::string& burst, size_t frames, bool glog) {
+  const std::string sock = "/tmp/bench-reader.sock";
+  const std::string logDir = sdp_paths::kLogDir;
+  const std::string prefix = glog ? "min_reader.glog." : "min_reader.log";
+  benchrun::EmptyDir(logDir);
+  sdppeer::PeerServer peer;
+  if (!peer.Listen(sock)) return -1;
+  std::vector<std::string> argv{MIN_READER_BIN};
+  if (glog) argv.push_back("--glog");
+  argv.push_back(sock);
+  argv.push_back(logDir + "/" + prefix);
+  benchrun::Child reader(argv);
+  if (!peer.WaitConnected(5000ms)) return -1;
+  benchrun::LogTail tail;
+  size_t seen = 0;
+  auto wait = [&](size_t n, benchrun::LogLine* last) {
+    return benchrun::WaitUntil(
+        [&] {
+          if (tail.path().empty()) {
+            // glog names its file itself: the prefix, a time stamp and the pid.
+            DIR* d = opendir(logDir.c_str());
+            while (dirent* e = d ? readdir(d) : nullptr)
+              if (std::strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0)
+                tail.SetPath(logDir + "/" + e->d_name);
+            if (d) closedir(d);
+          }
+          for (auto& l : tail.Poll())
+            if (StartsWith(l.text, kAnyFrameLine) && ++seen == n && last) *last = l;
+          return seen >= n;
+        },
+        300000ms, 20ms);
+  };
+  if (!peer.SendFrame(kFromDaemon, kNoOp, "") || !wait(1, nullptr)) return -1;
+  seen = 0;
+  const double fps = TimedBurst(peer, burst, frames, wait);
+  peer.CloseAllConnections();
+  reader.Stop(SIGTERM, 5000ms);
+  return fps;
+}
+
+}  // namespace
+
 bool RunDispatch(const Options& opt) {
   std::printf("\n== Dispatch throughput: %zu no-op frames (code 771), %d rounds ==\n", opt.frames,
               opt.rounds);
@@ -158,9 +219,10 @@ bool RunDispatch(const Options& opt) {
   burst.reserve(opt.frames * 8);
   for (size_t i = 0; i < opt.frames; ++i) burst += sdppeer::EncodeFrame(kFromDaemon, kNoOp, "");
 
-  std::vector<double> daemonFps, readerFps;
+  std::vector<double> daemonFps, readerFps, glogFps;
   for (int round = 0; round < opt.rounds; ++round) {
     {
+      benchrun::EmptyDir(sdp_paths::kLogDir);
       Daemon d;
       if (!d.Start(false) || !d.WaitLoop()) return false;
       const double fps = TimedBurst(d.peer, burst, opt.frames, [&](size_t n, benchrun::LogLine* last) {
@@ -169,40 +231,23 @@ bool RunDispatch(const Options& opt) {
       if (fps < 0) return false;
       daemonFps.push_back(fps);
     }
-    {
-      const std::string sock = "/tmp/bench-reader.sock";
-      const std::string logPath = std::string(sdp_paths::kLogDir) + "/min_reader.log";
-      sdppeer::PeerServer peer;
-      if (!peer.Listen(sock)) return false;
-      benchrun::Child reader({MIN_READER_BIN, sock, logPath});
-      if (!peer.WaitConnected(5000ms)) return false;
-      benchrun::LogTail tail(logPath);
-      size_t seen = 0;
-      auto wait = [&](size_t n, benchrun::LogLine* last) {
-        return benchrun::WaitUntil(
-            [&] {
-              for (auto& l : tail.Poll())
-                if (StartsWith(l.text, kAnyFrameLine) && ++seen == n && last) *last = l;
-              return seen >= n;
-            },
-            300000ms, 20ms);
-      };
-      if (!peer.SendFrame(kFromDaemon, kNoOp, "") || !wait(1, nullptr)) return false;
-      seen = 0;
-      const double fps = TimedBurst(peer, burst, opt.frames, wait);
-      if (fps < 0) return false;
-      readerFps.push_back(fps);
-      peer.CloseAllConnections();
-      reader.Stop(SIGTERM, 5000ms);
+    readerFps.push_back(ReaderBurst(burst, opt.frames, false));
+    glogFps.push_back(ReaderBurst(burst, opt.frames, true));
+    if (readerFps.back() < 0 || glogFps.back() < 0) {
+      std::fprintf(stderr, "the minimal reader did not take the burst\n");
+      return false;
     }
-    std::printf("round %d: daemon %.0f frames/s, minimal reader %.0f frames/s\n", round + 1,
-                daemonFps.back(), readerFps.back());
+    std::printf("round %d: daemon %.0f frames/s, minimal reader %.0f frames/s (through glog %.0f)\n",
+                round + 1, daemonFps.back(), readerFps.back(), glogFps.back());
   }
-  const double d = Median(daemonFps), r = Median(readerFps);
+  const double d = Median(daemonFps), r = Median(readerFps), g = Median(glogFps);
   std::printf("median: daemon %.0f frames/s, minimal reader %.0f frames/s, ratio %.2f\n", d, r,
               d / r);
+  std::printf("        the same reader logging through glog: %.0f frames/s (daemon/that %.2f)\n", g,
+              d / g);
   Result("dispatch", "frames=" + std::to_string(opt.frames) + " daemon_fps=" + Fmt("%.0f", d) +
-                         " reader_fps=" + Fmt("%.0f", r) + " ratio=" + Fmt("%.2f", d / r));
+                         " reader_fps=" + Fmt("%.0f", r) + " ratio=" + Fmt("%.2f", d / r) +
+                         " glog_reader_fps=" + Fmt("%.0f", g) + " ratio_glog=" + Fmt("%.2f", d / g));
   Verdict("dispatch", d >= 0.5 * r, "daemon >= 0.5 x minimal reader frames/s");
   return true;
 }
@@ -372,13 +417,15 @@ int CountFiles(const std::string& dir) {
 
 }  // namespace
 
-bool RunLaunchers(const Options&) {
+bool RunLaunchers(const Options& opt) {
   std::printf("\n== Launcher synchronisation: resources and whitelist entries ==\n");
   std::printf("%6s %12s %12s %12s %14s %9s\n", "items", "whitelist ms", "resources ms",
               "sync ms", "exec->end ms", "launchers");
   std::map<int, double> syncMs;
   bool ok = true;
-  for (int n : {10, 100, 1000}) {
+  std::vector<int> sizes{10, 100, 1000};
+  if (opt.items > 0) sizes = {opt.items};
+  for (int n : sizes) {
     for (const std::string dir : {"/home", "/usr/share/applications", "/opt", "/tmp"})
       benchrun::EmptyDir(dir);
     benchrun::PrepareInstallation("bench");
@@ -392,7 +439,11 @@ bool RunLaunchers(const Options&) {
       if (connected) d.peer.SendFrame(kFromDaemon, kNoOp, "", 1000ms);
     });
     benchrun::LogLine end;
-    if (!d.Start(false) || !d.WaitLines(kAnyFrameLine, 1, 120000ms, &end)) return false;
+    if (!d.Start(false)) return false;
+    if (!d.WaitLines(kAnyFrameLine, 1, 120000ms, &end)) {
+      std::fprintf(stderr, "the daemon never reached its command loop\n");
+      return false;
+    }
     int64_t initDone = -1, dealBegin = -1;
     for (const auto& l : d.lines) {
       if (initDone < 0 && StartsWith(l.text, "init finish..")) initDone = l.micros;
@@ -420,6 +471,7 @@ bool RunLaunchers(const Options&) {
                             " launchers=" + std::to_string(launchers));
     syncMs[n] = sync;
   }
+  if (sizes.size() < 3) return ok;
   std::printf("growth: x%.1f from 10 to 100 items, x%.1f from 100 to 1000 (x10 is linear)\n",
               syncMs[100] / syncMs[10], syncMs[1000] / syncMs[100]);
   Result("launchers", "growth_10_100=" + Fmt("%.1f", syncMs[100] / syncMs[10]) +
@@ -436,7 +488,7 @@ int main(int argc, char** argv) {
   if (argc < 2) {
     std::fprintf(stderr,
                  "usage: %s dispatch|latency|footprint|launchers|https|all [--frames N] "
-                 "[--commands N] [--idle-seconds S] [--https-seconds S] [--rounds N]\n",
+                 "[--commands N] [--idle-seconds S] [--https-seconds S] [--rounds N] [--items N]\n",
                  argv[0]);
     return 2;
   }
@@ -450,6 +502,7 @@ int main(int argc, char** argv) {
     else if (key == "--idle-seconds") opt.idleSeconds = static_cast<int>(v);
     else if (key == "--https-seconds") opt.httpsSeconds = static_cast<int>(v);
     else if (key == "--rounds") opt.rounds = static_cast<int>(v);
+    else if (key == "--items") opt.items = static_cast<int>(v);
     else {
       std::fprintf(stderr, "unknown option %s\n", key.c_str());
       return 2;

@@ -20,6 +20,7 @@ struct Options {
   int commands = 200;      // latency: commands for each of the daemon and the baseline
   int idleSeconds = 60;    // footprint: idle period measured
   int httpsSeconds = 10;   // https: length of each load run
+  int items = 0;           // launchers: one size only instead of 10, 100 and 1000
 };
 
 // The real daemon binary started against a test peer listening on the
