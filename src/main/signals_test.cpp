@@ -20,12 +20,6 @@ TEST(SignalHandle, WritesExactlySizeBytesAsOneErrorRecord) {
   EXPECT_EQ(logs.records()[0].text, "*** SIGSEGV received");
 }
 
-TEST(SignalChildHandler, BrokenPipeIsLoggedAndSurvived) {
-  testsupport::LogCapture logs;
-  signalChildHandler(SIGPIPE);
-  EXPECT_TRUE(logs.has("Daemon Child Recv Signal:13", google::GLOG_INFO));
-}
-
 TEST(SetupSignal, InstallsTheHandlerWithRestartForEveryTerminationSignal) {
   struct sigaction saved[5];
   const int sigs[] = {SIGTERM, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE};

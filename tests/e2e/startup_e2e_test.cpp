@@ -155,7 +155,9 @@ class DaemonStartup : public ::testing::Test {
 TEST_F(DaemonStartup, RegistersOnceWithIdLineFeedAndNul) {
   auto reg = peer_->WaitFrame(IsRegistration, 8s);
   ASSERT_TRUE(reg.has_value());
-  EXPECT_EQ(reg->Bytes(), std::string("\0\0\x01\0\x05\x10\x09\0" "1005abc\n\0", 17));
+  EXPECT_EQ(reg->Bytes(), std::string("\0\0\x01\0\x05\x10\x09\0"
+                                      "1005abc\n\0",
+                                      17));
   // Heartbeats follow on the same connection; nothing registers again.
   ASSERT_EQ(peer_->WaitFrames(2, 8s, IsHeartbeat).size(), 2u);
   int registrations = 0;
@@ -197,9 +199,9 @@ TEST_F(DaemonStartup, PlacesLaunchersBeforeTheFirstCommand) {
   // The last start-up line: the resources have been dealt with.
   ASSERT_TRUE(daemon_->WaitLog("deal user resource size:1", 10s, 1, "error"));
   const std::vector<std::string> placed = {
-      "/home/alice/Desktop/calc.desktop",        "/home/alice/Desktop/client-tool.desktop",
-      "/home/alice/Desktop/gedit.desktop",       "/usr/share/applications/client-tool.desktop",
-      "/home/alice/Desktop/web1.desktop",        "/usr/share/applications/web1.desktop"};
+      "/home/alice/Desktop/calc.desktop",  "/home/alice/Desktop/client-tool.desktop",
+      "/home/alice/Desktop/gedit.desktop", "/usr/share/applications/client-tool.desktop",
+      "/home/alice/Desktop/web1.desktop",  "/usr/share/applications/web1.desktop"};
   for (const auto& path : placed) EXPECT_TRUE(e2e::Exists(path)) << path;
   EXPECT_FALSE(e2e::Exists("/home/alice/Desktop/stale.desktop"));
   EXPECT_FALSE(e2e::Exists("/home/alice/Desktop/web2.desktop"));
