@@ -4,7 +4,7 @@ CTEST_JOBS ?= 8
 CMAKE_ARGS ?=
 
 .PHONY: all bootstrap build test test-main asan tsan bench clean demo package
-.PHONY: fuzz fuzz-replay
+.PHONY: fuzz fuzz-replay memcheck
 
 all: build
 
@@ -77,6 +77,11 @@ fuzz: bootstrap
 # Only the replay of the committed fuzz corpora (every ctest run has it too).
 fuzz-replay: build
 	ctest --test-dir build --output-on-failure -L fuzz
+
+# The daemon's end-to-end run under valgrind memcheck (tools/memcheck.sh); the
+# plain build's `make test` runs it too when valgrind is there.
+memcheck: bootstrap
+	tools/memcheck.sh build
 
 clean:
 	rm -rf build build-asan build-tsan build-bench

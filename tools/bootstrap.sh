@@ -8,6 +8,7 @@ packages=(
   libgoogle-glog-dev libevent-dev libssl-dev libjson-c-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  valgrind
   iproute2 util-linux openssl curl
   dpkg-dev file
   "$@"
