@@ -3,7 +3,9 @@
 // LineIsComment and the trims, with output buffers of exactly the size
 // promised (so any write past them is caught), and lookups of sections and
 // keys found in it go through inifile_read and its wrappers. The first item of
-// the first section must be found again by inifile_read with the same value.
+// the first section must be found again with the same value, by inifile_read
+// and, trimmed, by ReadStringFromIni, which must refuse it when the output has
+// no room for its terminator.
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -18,7 +20,7 @@ namespace {
 
 // Line-level calls cost three 10 KB buffers each; the first lines are enough.
 constexpr size_t kMaxLines = 48;
-constexpr size_t kMaxLookups = 6;
+constexpr size_t kMaxLookups = 4;
 
 bool IsIniSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
@@ -47,30 +49,32 @@ struct Lookup {
   std::string key;
 };
 
-void CheckLookup(const fuzzsupport::MemFile& file, const Lookup& l, size_t size) {
-  auto out = Exact(size);
-  const int r = inifile_read(file.Path().c_str(), l.section.c_str(), l.key.c_str(), out.get(),
-                             static_cast<int>(size));
-  FUZZ_CHECK(r == 0 || r == -1);
-  if (r == 0) FUZZ_CHECK(Terminated(out.get(), size));
-
-  auto str = Exact(size);
-  const int rs = ReadStringFromIni(file.Path().c_str(), l.section.c_str(), l.key.c_str(),
-                                   str.get(), static_cast<int>(size), "");
-  FUZZ_CHECK(rs == r);
-  FUZZ_CHECK(Terminated(str.get(), size));
-  if (r == 0) {
-    std::string trimmed = out.get();
-    lrtrim(trimmed.data());
-    FUZZ_CHECK(std::strcmp(str.get(), trimmed.c_str()) == 0);
+// Each lookup scans the file; one of the three entry points per lookup, in
+// turn, keeps an input to a few scans.
+void CheckLookup(const fuzzsupport::MemFile& file, const Lookup& l, size_t size, size_t turn) {
+  const char* path = file.Path().c_str();
+  if (turn % 3 == 0) {
+    auto out = Exact(size);
+    const int r = inifile_read(path, l.section.c_str(), l.key.c_str(), out.get(),
+                               static_cast<int>(size));
+    FUZZ_CHECK(r == 0 || r == -1);
+    if (r == 0) FUZZ_CHECK(Terminated(out.get(), size));
+  } else if (turn % 3 == 1) {
+    auto str = Exact(size);
+    const int r = ReadStringFromIni(path, l.section.c_str(), l.key.c_str(), str.get(),
+                                    static_cast<int>(size), "");
+    FUZZ_CHECK(r == 0 || r == -1);
+    FUZZ_CHECK(Terminated(str.get(), size));
+    // A value is trimmed; a miss gives the default.
+    const size_t len = std::strlen(str.get());
+    if (r != 0) FUZZ_CHECK(len == 0);
+    if (len > 0) FUZZ_CHECK(!IsIniSpace(str[0]) && !IsIniSpace(str[len - 1]));
   } else {
-    FUZZ_CHECK(str[0] == '\0');
+    int number = 12345;
+    const int r = ReadIntFromIni(path, l.section.c_str(), l.key.c_str(), number, 7);
+    FUZZ_CHECK(r == 0 || r == -1);
+    if (r != 0) FUZZ_CHECK(number == 7);
   }
-
-  int number = 12345;
-  const int ri = ReadIntFromIni(file.Path().c_str(), l.section.c_str(), l.key.c_str(), number, 7);
-  FUZZ_CHECK(ri == 0 || ri == -1);
-  if (ri != 0) FUZZ_CHECK(number == 7);
 }
 
 }  // namespace
@@ -143,15 +147,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   if (oracleUsable && haveFirstItem) {
+    const char* path = file.Path().c_str();
+    const char* section = firstSection.c_str();
+    const char* key = firstItem.first.c_str();
+    const std::string& value = firstItem.second;
     auto out = Exact(kIniLineMax);
-    const int r = inifile_read(file.Path().c_str(), firstSection.c_str(), firstItem.first.c_str(),
-                               out.get(), kIniLineMax);
-    FUZZ_CHECK(r == 0);
-    FUZZ_CHECK(firstItem.second == out.get());
+    FUZZ_CHECK(inifile_read(path, section, key, out.get(), kIniLineMax) == 0);
+    FUZZ_CHECK(value == out.get());
+    // The wrapper trims once more, and needs room for the value and its NUL.
+    std::string trimmed = value;
+    lrtrim(trimmed.data());
+    trimmed = trimmed.c_str();
+    const size_t fits = value.size() + 1;
+    auto str = Exact(fits);
+    FUZZ_CHECK(ReadStringFromIni(path, section, key, str.get(), static_cast<int>(fits), "") == 0);
+    FUZZ_CHECK(trimmed == str.get());
+    if (value.size() > 0) {
+      auto small = Exact(value.size());
+      FUZZ_CHECK(ReadStringFromIni(path, section, key, small.get(),
+                                   static_cast<int>(value.size()), "") == -1);
+      FUZZ_CHECK(small[0] == '\0');
+    }
   }
 
   static const size_t kSizes[] = {1, 2, 9, 128, 1024};
   for (size_t i = 0; i < lookups.size(); ++i)
-    CheckLookup(file, lookups[i], kSizes[(i + size) % (sizeof kSizes / sizeof kSizes[0])]);
+    CheckLookup(file, lookups[i], kSizes[(i + size) % (sizeof kSizes / sizeof kSizes[0])], i + size);
   return 0;
 }
