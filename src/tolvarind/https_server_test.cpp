@@ -90,8 +90,11 @@ TlsReply Fetch(const std::string& request, std::chrono::milliseconds quiet = 5s,
   }
   if (groups != nullptr) SSL_CTX_set1_groups_list(ctx.get(), groups);
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  timeval tv{quiet.count() / 1000, (quiet.count() % 1000) * 1000};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  auto read_limit = [fd](std::chrono::milliseconds limit) {
+    timeval tv{limit.count() / 1000, (limit.count() % 1000) * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  };
+  read_limit(5s);  // the handshake gets the long limit whatever `quiet` is
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(kDefaultPort);
@@ -102,6 +105,7 @@ TlsReply Fetch(const std::string& request, std::chrono::milliseconds quiet = 5s,
       SSL_connect(ssl.get()) == 1) {
     r.handshake = true;
     r.group = SSL_get_negotiated_group(ssl.get());
+    read_limit(quiet);
     SSL_write(ssl.get(), request.data(), static_cast<int>(request.size()));
     char buf[16384];
     for (int n; (n = SSL_read(ssl.get(), buf, sizeof buf)) > 0;) r.text.append(buf, n);
@@ -182,6 +186,7 @@ class HttpsEndpointTest : public ::testing::Test {
     WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=sbx\n");
     ASSERT_TRUE(peer_.Listen(sdp_paths::kDaemonSocket));
     ASSERT_TRUE(client_.init());
+    ASSERT_TRUE(peer_.WaitFrame(SDP_PROTO_REGISTER, 5s));  // in before the slate is wiped
     peer_.ClearFrames();
   }
 
