@@ -33,8 +33,10 @@ struct Daemon {
 
   // Starts the daemon and waits for its registration and its log file.
   // `answerHeartbeats`: the peer answers each heartbeat as the real one does.
-  // `args` are given to the daemon after its program path.
-  bool Start(bool answerHeartbeats, const std::vector<std::string>& args = {});
+  // `args` are given to the daemon after its program path, `env` entries
+  // ("NAME=value") are added to its environment.
+  bool Start(bool answerHeartbeats, const std::vector<std::string>& args = {},
+             const std::vector<std::string>& env = {});
   // Sends one no-op frame and waits for its log line: the daemon is then in
   // its command loop.
   bool WaitLoop();

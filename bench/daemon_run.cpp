@@ -153,7 +153,19 @@ std::string InfoLogPath(pid_t pid) {
   return found;
 }
 
-Child::Child(const std::vector<std::string>& argv, const std::string& out) {
+Child::Child(const std::vector<std::string>& argv, const std::string& out,
+             const std::vector<std::string>& env) {
+  std::vector<std::string> envs = env;
+  for (char** e = environ; *e; ++e) {
+    const char* eq = std::strchr(*e, '=');
+    const size_t n = eq ? static_cast<size_t>(eq - *e) + 1 : std::strlen(*e);
+    bool replaced = false;
+    for (const auto& x : env) replaced = replaced || x.compare(0, n, *e, n) == 0;
+    if (!replaced) envs.push_back(*e);
+  }
+  std::vector<char*> cenv;
+  for (auto& e : envs) cenv.push_back(e.data());
+  cenv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   const std::string sink = out.empty() ? "/dev/null" : out;
@@ -174,7 +186,7 @@ Child::Child(const std::vector<std::string>& argv, const std::string& out) {
   for (auto& a : args) cargv.push_back(a.data());
   cargv.push_back(nullptr);
   pid_t pid = -1;
-  if (posix_spawnp(&pid, cargv[0], &actions, &attr, cargv.data(), environ) == 0) pid_ = pid;
+  if (posix_spawnp(&pid, cargv[0], &actions, &attr, cargv.data(), cenv.data()) == 0) pid_ = pid;
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
 }

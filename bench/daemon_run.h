@@ -65,7 +65,9 @@ std::string InfoLogPath(pid_t pid);
 // stdout/stderr into `out` (or /dev/null when empty).
 class Child {
  public:
-  Child(const std::vector<std::string>& argv, const std::string& out = "");
+  // `env` entries ("NAME=value") are added to (or replace) the inherited ones.
+  Child(const std::vector<std::string>& argv, const std::string& out = "",
+        const std::vector<std::string>& env = {});
   ~Child();  // SIGKILL and reap if still running
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
