@@ -14,6 +14,9 @@
 #include "fault_support.h"
 #include "sdp_paths.h"
 
+#ifndef FAULT_DAEMON_THREADS
+#define FAULT_DAEMON_THREADS 3
+#endif
 #ifndef FAULT_COMMANDS
 #define FAULT_COMMANDS 1000
 #endif
@@ -76,7 +79,7 @@ TEST_F(CommandFlood, ThousandMixedCommandsRunOnceInOrderWithFlatFootprint) {
   auto& daemon = run_->daemon();
   ASSERT_TRUE(peer.WaitFrame(0x1111, 5s));
   const fault::Footprint base = fault::SettledFootprint(daemon.pid());
-  ASSERT_EQ(base.threads, 3) << fault::Describe(base);
+  ASSERT_EQ(base.threads, FAULT_DAEMON_THREADS) << fault::Describe(base);
   ASSERT_EQ(base.children, 0) << fault::Describe(base);
 
   const std::string order = std::string(fault::kScratch) + "/order";
