@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
     if (client->init()) break;
     LOG(INFO) << "init error...";
   }
-  if (https_endpoint) std::thread([c = client.get()] { c->start_https_server(); }).detach();
+  if (https_endpoint) client->StartHttpsEndpointThread();
   client->run();
   if (https_endpoint) {
     // The endpoint's thread cannot be stopped from here and may still relay

@@ -125,6 +125,11 @@ bool tolvarind::init() {
   return true;
 }
 
+void tolvarind::StartHttpsEndpointThread() {
+  TerminationSignalsBlocked blocked;
+  std::thread([this] { start_https_server(); }).detach();
+}
+
 int tolvarind::RegisterToDaemon() {
   const std::string reg = payload::Registration(m_sandboxId);
   return m_tcpClient->SendMessage(MCMD_TO_DAEMON, SDP_PROTO_REGISTER, reg.data(),
