@@ -367,12 +367,30 @@ bool RunFootprint(const Options& opt) {
   const double pct = (cpu1 - cpu0) / (t1 - t0) * 100.0;
   std::printf("RSS after start-up %ld KiB, after idling %ld KiB, peak %ld KiB\n", rssStart, rssEnd,
               hwm);
+  long anon = -1, file = -1;
+  std::printf("where it is (smaps_rollup):");
+  for (const auto& [key, kib] : benchrun::MemoryRollup(pid)) {
+    if (key == "Pss_Anon") anon = kib;
+    if (key == "Pss_File") file = kib;
+    if (key == "Pss" || key == "Pss_Anon" || key == "Pss_File" || key == "Private_Dirty" ||
+        key == "Shared_Clean")
+      std::printf(" %s %ld KiB,", key.c_str(), kib);
+  }
+  std::printf("\nresident by mapping:");
+  int shown = 0;
+  for (const auto& [name, kib] : benchrun::RssByFile(pid)) {
+    if (shown++ == 8) break;
+    const size_t slash = name.rfind('/');
+    std::printf(" %s %ld,", name.empty() ? "[anon]" : name.substr(slash + 1).c_str(), kib);
+  }
+  std::printf(" KiB\n");
   std::printf("CPU over %.1f s: %.4f s on-CPU (%.2f s in clock ticks) = %.4f %% of one core; %zu "
               "heartbeats seen in all\n",
               t1 - t0, cpu1 - cpu0, tick1 - tick0, pct, beats);
   Result("footprint", "idle_s=" + Fmt("%.1f", t1 - t0) + " rss_kib=" + std::to_string(rssEnd) +
                           " rss_start_kib=" + std::to_string(rssStart) + " hwm_kib=" +
-                          std::to_string(hwm) + " cpu_s=" + Fmt("%.4f", cpu1 - cpu0) +
+                          std::to_string(hwm) + " pss_anon_kib=" + std::to_string(anon) +
+                          " pss_file_kib=" + std::to_string(file) + " cpu_s=" + Fmt("%.4f", cpu1 - cpu0) +
                           " cpu_pct=" + Fmt("%.4f", pct));
   Verdict("footprint", rssEnd < 8 * 1024 && hwm < 8 * 1024, "resident memory < 8 MiB");
   Verdict("footprint", pct < 0.1, "CPU at rest < 0.1 % of one core");

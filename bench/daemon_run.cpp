@@ -10,9 +10,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -226,6 +229,40 @@ long StatusKiB(pid_t pid, const char* key) {
 
 long RssKiB(pid_t pid) { return StatusKiB(pid, "VmRSS:"); }
 long HwmKiB(pid_t pid) { return StatusKiB(pid, "VmHWM:"); }
+
+std::vector<std::pair<std::string, long>> MemoryRollup(pid_t pid) {
+  std::vector<std::pair<std::string, long>> out;
+  std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
+  std::string line;
+  while (std::getline(in, line)) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos || line.find(" kB") == std::string::npos) continue;
+    out.emplace_back(line.substr(0, colon), std::strtol(line.c_str() + colon + 1, nullptr, 10));
+  }
+  return out;
+}
+
+std::vector<std::pair<std::string, long>> RssByFile(pid_t pid) {
+  std::map<std::string, long> byFile;
+  std::ifstream in("/proc/" + std::to_string(pid) + "/smaps");
+  std::string line, name;
+  while (std::getline(in, line)) {
+    if (line.compare(0, 4, "Rss:") == 0) {
+      byFile[name] += std::strtol(line.c_str() + 4, nullptr, 10);
+    } else if (!line.empty() && std::isxdigit(static_cast<unsigned char>(line[0])) &&
+               line.find('-') < line.find(' ')) {
+      // "start-end perms offset dev inode [path]": the path is the sixth field.
+      std::istringstream f(line);
+      std::string field;
+      name.clear();
+      for (int i = 0; i < 6 && f >> field; ++i)
+        if (i == 5) name = field;
+    }
+  }
+  std::vector<std::pair<std::string, long>> out(byFile.begin(), byFile.end());
+  std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+  return out;
+}
 
 double CpuSeconds(pid_t pid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/stat");

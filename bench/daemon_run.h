@@ -87,6 +87,11 @@ class Child {
 long RssKiB(pid_t pid);
 // Peak resident set size in KiB (VmHWM), or -1.
 long HwmKiB(pid_t pid);
+// Where the resident memory is: "Rss", "Pss", "Pss_Anon", "Pss_File",
+// "Private_Dirty" ... from /proc/<pid>/smaps_rollup, in KiB.
+std::vector<std::pair<std::string, long>> MemoryRollup(pid_t pid);
+// Resident KiB per mapped file (anonymous memory under ""), largest first.
+std::vector<std::pair<std::string, long>> RssByFile(pid_t pid);
 // User plus system CPU time consumed so far, in seconds, or -1.
 double CpuSeconds(pid_t pid);
 // Time on a CPU of the process's live threads, in seconds, to the nanosecond
