@@ -1,11 +1,14 @@
 // Many commands, slow commands and commands whose programs are missing, on one
 // daemon run: every command is handled once, in the order sent; commands that
 // arrive while a long one runs wait for it; a missing script or notify-send
-// fails only its own command; and after a thousand commands the daemon holds
-// exactly the descriptors, threads and child processes it held before.
+// fails only its own command; a command whose output never ends is cut at its
+// limit and its output's memory given back; and after a thousand commands the
+// daemon holds exactly the descriptors, threads and child processes it held
+// before.
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -16,6 +19,9 @@
 
 #ifndef FAULT_DAEMON_THREADS
 #define FAULT_DAEMON_THREADS 3
+#endif
+#ifndef FAULT_SANITIZED
+#define FAULT_SANITIZED 0
 #endif
 #ifndef FAULT_COMMANDS
 #define FAULT_COMMANDS 1000
@@ -206,6 +212,30 @@ TEST_F(CommandFlood, MissingScriptsAndNotifySendFailOnlyTheirOwnCommand) {
   EXPECT_EQ(daemon.Count(" got SANDBOX_TO_LOCAL message from server"), popups + 1);
   EXPECT_EQ(daemon.Count(" got SANDBOX_A2F_ILLEGAL message from server msg:missing-app"), 1);
   e2e::PrepareInstallation("abc");
+}
+
+long StatusKb(pid_t pid, const char* field) {
+  const std::string status = e2e::ReadFile("/proc/" + std::to_string(pid) + "/status");
+  const size_t at = status.find(field);
+  return at == std::string::npos ? -1 : std::stol(status.substr(at + std::strlen(field)));
+}
+
+TEST_F(CommandFlood, EndlessOutputIsCutAtTheLimitAndItsMemoryGoesBack) {
+  auto& peer = run_->peer();
+  auto& daemon = run_->daemon();
+  const long before = StatusKb(daemon.pid(), "VmRSS:");
+  const std::string touched = std::string(fault::kScratch) + "/after-yes";
+  ASSERT_TRUE(peer.SendFrame(2, 0x301, "yes"));
+  ASSERT_TRUE(peer.SendFrame(2, 0x301, "touch " + touched));
+  EXPECT_TRUE(e2e::WaitUntil([&] { return e2e::Exists(touched); }, 20s));
+  EXPECT_TRUE(daemon.Running());
+  EXPECT_GE(daemon.Count(" got SANDBOX_S2B_OPENBSAPP message from server res:-4"), 1);
+  const long peak = StatusKb(daemon.pid(), "VmHWM:");
+  const long after = StatusKb(daemon.pid(), "VmRSS:");
+  std::printf("resident: %ld kB before, %ld kB at the peak, %ld kB after\n", before, peak, after);
+#if !FAULT_SANITIZED  // a sanitizer's allocator keeps freed memory in quarantine
+  EXPECT_LT(after, before + 20 * 1024);
+#endif
 }
 
 }  // namespace

@@ -61,8 +61,8 @@ Footprint FootprintOf(pid_t pid);
 std::string Describe(const Footprint& f);
 // What each descriptor of `pid` refers to, for failure messages.
 std::string DescriptorList(pid_t pid);
-// The footprint once no child process is left (the daemon reaps a finished
-// command a little after its output ends).
+// What the daemon keeps when idle: no child process left (a finished command
+// is reaped a little after its output ends), and no passing descriptor.
 Footprint SettledFootprint(pid_t pid);
 // Polls until the footprint of `pid` equals `want` (transient descriptors of
 // a command or an address probe come and go); returns the last one seen.
