@@ -451,7 +451,10 @@ bool RunLaunchers(const Options& opt) {
   std::vector<int> sizes{10, 100, 1000};
   if (opt.items > 0) sizes = {opt.items};
   for (int n : sizes) {
-    for (const std::string dir : {"/home", "/usr/share/applications", "/opt", "/tmp"})
+    // What an earlier run left: launchers, their record, logs and inputs.
+    for (const std::string& dir :
+         {std::string(sdp_paths::kHomeDir) + kBenchUser, std::string(sdp_paths::kSystemApplicationsDir),
+          std::string(sdp_paths::kInstallDir), std::string(sdp_paths::kCfsDir)})
       benchrun::EmptyDir(dir);
     benchrun::PrepareInstallation("bench");
     WriteLauncherInputs(n);

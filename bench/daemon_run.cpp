@@ -51,7 +51,9 @@ void WriteFile(const std::string& path, const std::string& text, unsigned mode) 
   rename(part.c_str(), path.c_str());
 }
 
-void EmptyDir(const std::string& dir) {
+namespace {
+
+void EmptyDirOn(const std::string& dir, dev_t dev) {
   DIR* d = opendir(dir.c_str());
   if (!d) return;
   while (dirent* e = readdir(d)) {
@@ -59,14 +61,26 @@ void EmptyDir(const std::string& dir) {
     if (name == "." || name == "..") continue;
     const std::string path = dir + "/" + name;
     struct stat st;
-    if (lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-      EmptyDir(path);
+    if (lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      // Another file system below: a tree the sandbox keeps reachable (the
+      // source or build tree), never ours to clear.
+      if (st.st_dev != dev) continue;
+      EmptyDirOn(path, dev);
       rmdir(path.c_str());
     } else {
       unlink(path.c_str());
     }
   }
   closedir(d);
+}
+
+}  // namespace
+
+void EmptyDir(const std::string& dir) {
+  struct stat st;
+  if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return;
+  EmptyDirOn(dir, st.st_dev);
 }
 
 void PrepareInstallation(const std::string& sandboxId) {

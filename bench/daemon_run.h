@@ -23,7 +23,8 @@ bool WaitUntil(const std::function<bool()>& pred, Millis timeout, Millis step = 
 
 void MakeDirs(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text, unsigned mode = 0644);
-// Removes everything below `dir`, keeping `dir` itself.
+// Removes everything below `dir`, keeping `dir` itself, without crossing into
+// another file system (a bind-mounted tree stays untouched).
 void EmptyDir(const std::string& dir);
 
 // The installation every run needs: log directory, the peer's session
