@@ -32,8 +32,16 @@ JsonTree ParseJsonFile(const char* path) {
   return root;
 }
 
-// The value under `key`, or null when `obj` is no object, the key is absent or
-// its value is JSON null: a null is no value and is reported like a missing key.
+// json-c's lookup: true when `obj` is an object holding `key`, also when its
+// value is JSON null (then `value` is null, which json-c's conversions read as
+// 0 and as no array). Used for every key but those read as text.
+bool Lookup(json_object* obj, const char* key, json_object*& value) {
+  return json_object_object_get_ex(obj, key, &value);
+}
+
+// The value under a key read as text, or null when `obj` is no object, the key
+// is absent or its value is JSON null: a null has no text and is reported like
+// a missing key.
 json_object* Member(json_object* obj, const char* key) {
   json_object* value = nullptr;
   if (obj == nullptr || !json_object_object_get_ex(obj, key, &value)) return nullptr;
@@ -66,8 +74,8 @@ json_object* Element(array_list* array, size_t i) {
 namespace policyanalyzer {
 
 bool ReadResourceTree(json_object* root, std::vector<SAppDesktop>& out) {
-  json_object* gateway = Member(root, "GatewayConfig");
-  if (gateway == nullptr) {
+  json_object* gateway = nullptr;
+  if (!Lookup(root, "GatewayConfig", gateway)) {
     LOG(INFO) << "GatewayConfig not find!!";
     return false;
   }
@@ -83,12 +91,12 @@ bool ReadResourceTree(json_object* root, std::vector<SAppDesktop>& out) {
 
   for (size_t i = 0; i < array_list_length(resources); ++i) {
     json_object* resource = Element(resources, i);
-    json_object* iconFlag = Member(resource, "isCreateIconInSandbox");
-    if (iconFlag == nullptr) {
+    json_object* iconFlag = nullptr;
+    if (!Lookup(resource, "isCreateIconInSandbox", iconFlag)) {
       LOG(ERROR) << "isCreateIconInSandbox not exist" << i;
       continue;
     }
-    if (json_object_get_int(iconFlag) != 1) continue;
+    if (json_object_get_int(iconFlag) != 1) continue;  // a JSON null reads as 0
 
     SAppDesktop desk;
     if (!TextOf(Member(resource, "AppName"), desk.name)) {
@@ -108,13 +116,13 @@ bool ReadResourceTree(json_object* root, std::vector<SAppDesktop>& out) {
 }
 
 bool ReadPolicyTree(json_object* root, const std::string& boxId, sandboxPolicyinfo& info) {
-  json_object* policy = Member(root, "policy");
-  if (policy == nullptr) {
+  json_object* policy = nullptr;
+  if (!Lookup(root, "policy", policy)) {
     LOG(WARNING) << "not find param [policy]";
     return false;
   }
-  json_object* sandBoxes = Member(policy, "PolicySandBox");
-  if (sandBoxes == nullptr) {
+  json_object* sandBoxes = nullptr;
+  if (!Lookup(policy, "PolicySandBox", sandBoxes)) {
     LOG(WARNING) << "not find param [PolicySandBox]";
     return false;
   }
@@ -126,8 +134,8 @@ bool ReadPolicyTree(json_object* root, const std::string& boxId, sandboxPolicyin
 
   for (size_t i = 0; i < array_list_length(policies); ++i) {
     json_object* element = Element(policies, i);
-    json_object* sandBox = Member(element, "sandBox");
-    if (sandBox == nullptr) {
+    json_object* sandBox = nullptr;
+    if (!Lookup(element, "sandBox", sandBox)) {
       LOG(WARNING) << "not find param [sandBox] in array";
       continue;
     }
@@ -147,8 +155,9 @@ bool ReadPolicyTree(json_object* root, const std::string& boxId, sandboxPolicyin
     LOG(INFO) << "boxid : " << id;
     if (id != boxId) continue;
 
-    json_object* allowed = Member(sandBox, "boxAllowProcess");
-    array_list* items = allowed != nullptr ? json_object_get_array(allowed) : nullptr;
+    json_object* allowed = nullptr;
+    array_list* items =
+        Lookup(sandBox, "boxAllowProcess", allowed) ? json_object_get_array(allowed) : nullptr;
     if (items == nullptr) continue;
     for (size_t j = 0; j < array_list_length(items); ++j) {
       json_object* item = Element(items, j);
@@ -168,12 +177,12 @@ bool ReadPolicyTree(json_object* root, const std::string& boxId, sandboxPolicyin
         LOG(WARNING) << "not find param [name] in array";
         continue;
       }
-      json_object* type = Member(item, "type");
-      if (type == nullptr) {
+      json_object* type = nullptr;
+      if (!Lookup(item, "type", type)) {
         LOG(WARNING) << "not find param [type] in array";
         continue;
       }
-      app.type = json_object_get_int(type);
+      app.type = json_object_get_int(type);  // a JSON null is there, as type 0
       info.allowProcess.push_back(app);
     }
   }

@@ -65,7 +65,9 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         ResourceCase{"NotJson", "{'GatewayConfig': [", false, {}, {{I, kNotFound}}},
         ResourceCase{"NoKey", "{'gatewayconfig': []}", false, {}, {{I, kNotFound}}},
-        ResourceCase{"NullList", "{'GatewayConfig': null}", false, {}, {{I, kNotFound}}},
+        // A JSON null under a key that is not read as text is there, and is no array.
+        ResourceCase{"NullListTakenForMissing", "{'GatewayConfig': null}", false, {},
+                     {{E, "get array failed!!"}}},
         ResourceCase{"ListIsObject", "{'GatewayConfig': {}}", false, {},
                      {{E, "get array failed!!"}}},
         ResourceCase{"EmptyList", "{'GatewayConfig': []}", false, {}, {{E, "array is null!!"}}},
@@ -73,9 +75,8 @@ INSTANTIATE_TEST_SUITE_P(
                      "{'GatewayConfig': [" ITEM("0", "'z'", "'z'") "," ITEM("2", "'t'", "'t'") ","
                      ITEM("'1'", "'A'", "'a'") ", {'AppName': 'm', 'source': 'm'},"
                      ITEM("null", "'n'", "'n'") ", 1]}",
-                     true, {{"A", "a"}},
+                     true, {{"A", "a"}},  // a null flag reads as 0: skipped without a word
                      {{E, "appname:A source: a"}, {E, "isCreateIconInSandbox not exist3"},
-                      {E, "isCreateIconInSandbox not exist4"},
                       {E, "isCreateIconInSandbox not exist5"}}},
         ResourceCase{"MissingOrNullNamesAndSources",
                      "{'GatewayConfig': [" ITEM("1", "'A'", "'a'") ", {'isCreateIconInSandbox': 1, "
@@ -133,8 +134,11 @@ INSTANTIATE_TEST_SUITE_P(
     , PolicyShapes,
     testing::Values(
         PolicyCase{"NotJson", "{", false, "before", {}, {{W, "not find param [policy]"}}},
-        PolicyCase{"NullPolicy", "{'policy': null}", false, "before", {},
-                   {{W, "not find param [policy]"}}},
+        // Null containers are there but hold nothing.
+        PolicyCase{"NullPolicyTakenForMissing", "{'policy': null}", false, "before", {},
+                   {{W, "not find param [PolicySandBox]"}}},
+        PolicyCase{"NullPolicySandBoxTakenForMissing", "{'policy': {'PolicySandBox': null}}",
+                   false, "before", {}, {{W, "no array"}}},
         PolicyCase{"NoPolicySandBox", "{'policy': {}}", false, "before", {},
                    {{W, "not find param [PolicySandBox]"}}},
         PolicyCase{"NotAnArray", "{'policy': {'PolicySandBox': {}}}", false, "before", {},
@@ -153,20 +157,23 @@ INSTANTIATE_TEST_SUITE_P(
         PolicyCase{"ItemChecksInValueIdNameTypeOrder",
                    LIST(POLICY("'p'", "'7'", "[{'name': 'n', 'type': 1}, {'value': '', 'id': '1'},"
                         "{'value': null}, {'value': 'v', 'id': null},"
-                        "{'value': 'v', 'id': '1', 'name': ''}," APP("'v'", "'1'", "'n'", "null")
+                        "{'value': 'v', 'id': '1', 'name': ''},"
+                        "{'value': 'v', 'id': '1', 'name': 'n'}," APP("'nt'", "'1'", "'n'", "null")
                         ", null," APP("'ok'", "'1'", "'n'", "1") "]")),
-                   true, "p", {{"1", "n", 1, "ok"}},
+                   true, "p", {{"1", "n", 0, "nt"}, {"1", "n", 1, "ok"}},  // a null type is type 0
                    {{I, "boxid : 7"}, kNoValue, kNoValue, kNoValue,
                     {W, "not find param [id] in array"}, {W, "not find param [name] in array"},
                     {W, "not find param [type] in array"}, kNoValue}},
         PolicyCase{"ElementsLackingKeysAreSkipped",
                    LIST("{'policyname': 'a', 'policyid': '7'},"
-                        "{'sandBox': null, 'policyname': 'b'},"
+                        "{'sandBox': null, 'policyname': 'b', 'policyid': '7'},"
                         "{'sandBox': {}, 'policyname': null}, {'sandBox': {}, 'policyname': 'c'},"
                         "{'sandBox': {}, 'policyname': 'd', 'policyid': null}, null,"
                         "{'policyname': 'e', 'policyid': '7', 'sandBox': {'boxAllowProcess': {}}}"),
                    true, "e", {},
-                   {kNoSandBox, kNoSandBox, {W, "not find param [policyname] in array"},
+                   // A null "sandBox" is there: its policy is named and compared, and
+                   // then has nothing to allow.
+                   {kNoSandBox, {I, "boxid : 7"}, {W, "not find param [policyname] in array"},
                     kNoPolicyId, kNoPolicyId, kNoSandBox, {I, "boxid : 7"}}}),
     [](const testing::TestParamInfo<PolicyCase>& info) { return info.param.label; });
 #undef APP
