@@ -204,8 +204,8 @@ int tolvarind::start_https_server() {
 struct bufferevent* tolvarind::create_ssl_bufferevent(struct event_base* base, void* arg) {
   SSL* ssl = SSL_new(static_cast<SSL_CTX*>(arg));
   if (ssl == nullptr) {
-    // Only when memory runs out. evhttp then serves this one connection
-    // without TLS, which gives a local client nothing it could not get anyway.
+    // Only when memory runs out. evhttp then reads this connection as plain
+    // HTTP, and has no way to be told not to: handle_https_request drops it.
     LOG(ERROR) << "Failed to create SSL object.";
     return nullptr;
   }
@@ -214,6 +214,16 @@ struct bufferevent* tolvarind::create_ssl_bufferevent(struct event_base* base, v
 }
 
 void tolvarind::handle_https_request(struct evhttp_request* req, void* arg) {
+  // A connection without its TLS layer (see create_ssl_bufferevent) is closed
+  // unanswered, and nothing it asked for reaches the peer. Freeing the
+  // connection here is what libevent itself does when it cannot answer.
+  struct evhttp_connection* conn = evhttp_request_get_connection(req);
+  if (conn == nullptr ||
+      bufferevent_openssl_get_ssl(evhttp_connection_get_bufferevent(conn)) == nullptr) {
+    LOG(ERROR) << "not a TLS connection, closed";
+    if (conn != nullptr) evhttp_connection_free(conn);
+    return;
+  }
   auto* self = static_cast<tolvarind*>(arg);
   if (self == nullptr) {
     LOG(ERROR) << "got client failed";

@@ -1,6 +1,8 @@
 // The loopback HTTPS endpoint against a real TLS client, inside the test
 // sandbox, with the test peer standing in for ventrald on its socket.
 #include <arpa/inet.h>
+#include <event2/event.h>
+#include <event2/http.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -114,6 +116,33 @@ TlsReply Fetch(const std::string& request, std::chrono::milliseconds quiet = 5s,
   }
   ERR_clear_error();
   ssl.reset();
+  close(fd);
+  return r;
+}
+
+struct PlainReply {
+  bool closed = false;  // the server ended the connection (not a read time-out)
+  std::string text;
+};
+
+// One request in plain HTTP to 127.0.0.1:`port`, read until the server closes.
+PlainReply PlainFetch(int port, const std::string& request) {
+  PlainReply r;
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  timeval tv{5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+          static_cast<ssize_t>(request.size())) {
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0) r.text.append(buf, n);
+    r.closed = n == 0 || errno == ECONNRESET;
+  }
   close(fd);
   return r;
 }
@@ -312,6 +341,43 @@ TEST_F(HttpsEndpointTest, MissingKeyFileFailsSetUp) {
   EXPECT_TRUE(log_.has("client key:/opt/apps/morvasta/certs/absent.key"));
   EXPECT_TRUE(log_.has("Failed to load private key file.", google::GLOG_ERROR));
   EXPECT_EQ(ConnectError("127.0.0.1", kDefaultPort), ECONNREFUSED);
+}
+
+// Without an SSL object evhttp reads a connection as plain HTTP; the endpoint
+// must close it unanswered instead of serving and relaying it in the clear.
+TEST_F(HttpsEndpointTest, FailedSslObjectDoesNotDowngradeToPlainHttp) {
+  // SSL_new fails on a null context, as it does when memory runs out.
+  std::unique_ptr<event_base, decltype(&event_base_free)> base(event_base_new(), event_base_free);
+  std::unique_ptr<evhttp, decltype(&evhttp_free)> http(evhttp_new(base.get()), evhttp_free);
+  evhttp_set_bevcb(http.get(), tolvarind::create_ssl_bufferevent, nullptr);
+  evhttp_set_gencb(http.get(), tolvarind::handle_https_request, &client_);
+  evhttp_bound_socket* bound = evhttp_bind_socket_with_handle(http.get(), "127.0.0.1", 0);
+  ASSERT_NE(bound, nullptr);
+  sockaddr_in addr{};
+  socklen_t addr_len = sizeof addr;
+  ASSERT_EQ(
+      getsockname(evhttp_bound_socket_get_fd(bound), reinterpret_cast<sockaddr*>(&addr), &addr_len),
+      0);
+
+  auto reply = std::async(std::launch::async, [port = ntohs(addr.sin_port)] {
+    return PlainFetch(port, Get("/leak?x=1"));
+  });
+  // The loop runs here, in short turns, until the client is done.
+  for (auto end = std::chrono::steady_clock::now() + 10s;
+       reply.wait_for(0s) != std::future_status::ready && std::chrono::steady_clock::now() < end;) {
+    const timeval turn{0, 10000};
+    event_base_loopexit(base.get(), &turn);
+    event_base_dispatch(base.get());
+  }
+  ASSERT_EQ(reply.wait_for(0s), std::future_status::ready);
+  const PlainReply r = reply.get();
+  EXPECT_TRUE(r.closed);
+  EXPECT_EQ(r.text, "");
+  EXPECT_TRUE(log_.has("Failed to create SSL object.", google::GLOG_ERROR));
+  EXPECT_TRUE(log_.has("not a TLS connection, closed", google::GLOG_ERROR));
+  EXPECT_EQ(log_.count_prefix("got query:"), 0);  // the relay follows that line
+  for (const auto& f : peer_.Frames()) EXPECT_NE(f.s_cmd, SDP_PROTO_HTTPS_QUERY);
+  ERR_clear_error();
 }
 
 // The daemon runs the endpoint only when asked; a first SIGINT then ends the
