@@ -37,14 +37,16 @@ EveryNSampler g_heartbeatReplyLog(5);
 // True on the heartbeat thread.
 thread_local bool t_onHeartbeatThread = false;
 
-// Blocks the termination signals and SIGPIPE on the calling thread for its
-// lifetime; threads started meanwhile keep them blocked for good.
+// Blocks the termination signals and SIGPIPE (and SIGINT if asked) on the
+// calling thread for its lifetime; threads started meanwhile keep them blocked
+// for good.
 class TerminationSignalsBlocked {
  public:
-  TerminationSignalsBlocked() {
+  explicit TerminationSignalsBlocked(bool sigintToo = false) {
     sigset_t set;
     sigemptyset(&set);
     for (int sig : {SIGTERM, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE}) sigaddset(&set, sig);
+    if (sigintToo) sigaddset(&set, SIGINT);
     pthread_sigmask(SIG_BLOCK, &set, &old_);
   }
   ~TerminationSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
@@ -126,7 +128,10 @@ bool tolvarind::init() {
 }
 
 void tolvarind::StartHttpsEndpointThread() {
-  TerminationSignalsBlocked blocked;
+  // SIGINT stays off the endpoint's thread as well: its handler asks the loop
+  // to exit, which takes the event base's lock, and on the loop's own thread,
+  // while the loop holds that lock, it would wait for ever.
+  TerminationSignalsBlocked blocked(/*sigintToo=*/true);
   std::thread([this] { start_https_server(); }).detach();
 }
 

@@ -66,7 +66,8 @@ class tolvarind {
   static struct bufferevent* create_ssl_bufferevent(struct event_base* base, void* arg);
   static void handle_https_request(struct evhttp_request* req, void* arg);
   // Runs start_https_server on a detached thread that, like the client's
-  // other threads, leaves the termination signals to the main thread.
+  // other threads, leaves the termination signals to the main thread, and
+  // SIGINT too, whose handler must not run on the loop's own thread.
   void StartHttpsEndpointThread();
 
   static constexpr std::chrono::seconds kHeartbeatInterval{3};
