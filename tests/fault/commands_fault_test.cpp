@@ -85,6 +85,7 @@ TEST_F(CommandFlood, ThousandMixedCommandsRunOnceInOrderWithFlatFootprint) {
   auto& daemon = run_->daemon();
   ASSERT_TRUE(peer.WaitFrame(0x1111, 5s));
   const fault::Footprint base = fault::SettledFootprint(daemon.pid());
+  std::printf("idle daemon: %s\n", fault::Describe(base).c_str());
   ASSERT_EQ(base.threads, FAULT_DAEMON_THREADS) << fault::Describe(base);
   ASSERT_EQ(base.children, 0) << fault::Describe(base);
 

@@ -54,6 +54,7 @@ TEST_F(PeerRestarts, ReconnectsAfterEveryRestartWithFlatFootprint) {
   ASSERT_TRUE(peer.WaitFrame(
       [&](const Frame& f) { return f.connection == firstConn && f.s_cmd == 0x1111; }, 5s));
   const fault::Footprint base = fault::SettledFootprint(daemon.pid());
+  std::printf("idle daemon: %s\n", fault::Describe(base).c_str());
   // Main thread, heartbeat thread, one reconnect thread; nothing forked.
   ASSERT_EQ(base.threads, FAULT_DAEMON_THREADS) << fault::Describe(base);
   ASSERT_EQ(base.children, 0) << fault::Describe(base);
