@@ -1,7 +1,6 @@
 #include "fault_support.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,7 +13,7 @@
 
 namespace fault {
 
-std::string DaemonRun::StartProcesses() {
+std::string DaemonRun::Start(Millis loopTimeout) {
   e2e::MakeDirs(kScratch);
   peer_ = std::make_unique<sdppeer::PeerServer>();
   std::string error;
@@ -23,12 +22,6 @@ std::string DaemonRun::StartProcesses() {
   if (!daemon_->Started()) return "daemon did not start";
   // The first attempt comes 3 seconds after start.
   if (!peer_->WaitFrame(0x1005, 10s)) return "no registration";
-  return "";
-}
-
-std::string DaemonRun::Start(Millis loopTimeout) {
-  std::string error = StartProcesses();
-  if (!error.empty()) return error;
   // Commands are taken only once the desktop is prepared, so a command that
   // ran marks the end of start-up.
   static int started = 0;

@@ -42,8 +42,6 @@ class DaemonRun {
   e2e::Daemon& daemon() { return *daemon_; }
 
  private:
-  std::string StartProcesses();
-
   std::unique_ptr<sdppeer::PeerServer> peer_;
   std::unique_ptr<e2e::Daemon> daemon_;
 };
