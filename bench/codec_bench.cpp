@@ -152,6 +152,8 @@ BENCHMARK(BM_Raw)->Apply(Bodies);
 // runs, without repetitions) for the ratio table.
 class Collector : public benchmark::ConsoleReporter {
  public:
+  // Plain text: the output is read from files and logs more than from terminals.
+  Collector() : ConsoleReporter(OO_Tabular) {}
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& r : runs) {
@@ -179,8 +181,6 @@ int main(int argc, char** argv) {
   std::vector<char*> args(argv, argv + argc);
   std::string reps = "--benchmark_repetitions=5";
   std::string aggr = "--benchmark_report_aggregates_only=true";
-  std::string color = "--benchmark_color=false";
-  args.insert(args.begin() + 1, color.data());  // a caller's own choice comes later and wins
   bool has_reps = false;
   for (int i = 1; i < argc; ++i)
     if (std::strncmp(argv[i], "--benchmark_repetitions", 23) == 0) has_reps = true;
