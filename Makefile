@@ -60,7 +60,7 @@ bench:
 	@tools/bootstrap.sh wrk nginx-light
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DTOLVARIND_BUILD_BENCH=ON \
 	  -DTOLVARIND_BUILD_TESTS=OFF $(CMAKE_ARGS)
-	cmake --build build-bench -j$(JOBS) --target codec_bench daemon_bench
+	cmake --build build-bench -j$(JOBS) --target bench_figures_test codec_bench daemon_bench
 	BENCH_QUICK=$(BENCH_QUICK) bench/run_all.sh build-bench
 
 # libFuzzer targets (clang, ASan + UBSan), each fuzzed for FUZZ_SECONDS, then

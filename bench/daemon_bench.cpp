@@ -60,18 +60,8 @@ bool StartsWith(const std::string& s, const char* prefix) {
   return s.compare(0, std::strlen(prefix), prefix) == 0;
 }
 
-double Median(std::vector<double> v) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
-double Percentile(std::vector<double> v, double p) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  size_t rank = static_cast<size_t>(std::ceil(p * static_cast<double>(v.size())));
-  return v[std::min(v.size() - 1, rank == 0 ? 0 : rank - 1)];
-}
+using figures::Median;
+using figures::Percentile;
 
 Daemon::Daemon() = default;
 Daemon::~Daemon() { Stop(); }
@@ -355,7 +345,6 @@ bool RunFootprint(const Options& opt) {
   const long rssStart = benchrun::RssKiB(pid);
   const double cpu0 = benchrun::RunSeconds(pid), tick0 = benchrun::CpuSeconds(pid);
   const double t0 = benchrun::MonoSeconds();
-  const size_t beats0 = d.peer.FrameCount();
   std::this_thread::sleep_for(std::chrono::seconds(opt.idleSeconds));
   const double t1 = benchrun::MonoSeconds();
   const double cpu1 = benchrun::RunSeconds(pid), tick1 = benchrun::CpuSeconds(pid);
@@ -363,7 +352,6 @@ bool RunFootprint(const Options& opt) {
   size_t beats = 0;
   for (const auto& f : d.peer.Frames())
     if (f.s_cmd == kHeartbeat) ++beats;
-  (void)beats0;
   const double pct = (cpu1 - cpu0) / (t1 - t0) * 100.0;
   std::printf("RSS after start-up %ld KiB, after idling %ld KiB, peak %ld KiB\n", rssStart, rssEnd,
               hwm);
@@ -522,8 +510,12 @@ int main(int argc, char** argv) {
   }
   Options opt;
   const std::string what = argv[1];
-  for (int i = 2; i + 1 < argc; i += 2) {
+  for (int i = 2; i < argc; i += 2) {
     const std::string key = argv[i];
+    if (i + 1 == argc) {
+      std::fprintf(stderr, "%s needs a value\n", key.c_str());
+      return 2;
+    }
     const long v = std::strtol(argv[i + 1], nullptr, 10);
     if (key == "--frames") opt.frames = static_cast<size_t>(v);
     else if (key == "--commands") opt.commands = static_cast<int>(v);

@@ -106,31 +106,6 @@ double MonoSeconds() {
   return ts.tv_sec + ts.tv_nsec * 1e-9;
 }
 
-namespace {
-
-// "I20261122 03:54:45.123456  1234 file.cpp:12] text"
-bool ParseLine(const std::string& line, LogLine& out) {
-  if (line.size() < 26 || std::strchr("IWEF", line[0]) == nullptr || line[9] != ' ' ||
-      line[12] != ':' || line[15] != ':' || line[18] != '.')
-    return false;
-  auto num = [&](size_t at, size_t n) {
-    int64_t v = 0;
-    for (size_t i = at; i < at + n; ++i) {
-      if (line[i] < '0' || line[i] > '9') return int64_t{-1};
-      v = v * 10 + (line[i] - '0');
-    }
-    return v;
-  };
-  const int64_t h = num(10, 2), m = num(13, 2), s = num(16, 2), us = num(19, 6);
-  if (h < 0 || m < 0 || s < 0 || us < 0) return false;
-  const size_t close = line.find("] ", 26);
-  if (close == std::string::npos) return false;
-  out.micros = ((h * 60 + m) * 60 + s) * 1000000 + us;
-  out.text = line.substr(close + 2);
-  return true;
-}
-
-}  // namespace
 
 std::vector<LogLine> LogTail::Poll() {
   std::vector<LogLine> lines;
@@ -148,7 +123,7 @@ std::vector<LogLine> LogTail::Poll() {
   size_t start = 0;
   for (size_t nl; (nl = partial_.find('\n', start)) != std::string::npos; start = nl + 1) {
     LogLine rec;
-    if (ParseLine(partial_.substr(start, nl - start), rec)) lines.push_back(std::move(rec));
+    if (figures::ParseLogLine(partial_.substr(start, nl - start), rec)) lines.push_back(std::move(rec));
   }
   partial_.erase(0, start);
   return lines;

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "figures.h"
+
 namespace benchrun {
 
 using Millis = std::chrono::milliseconds;
@@ -36,11 +38,7 @@ void PrepareInstallation(const std::string& sandboxId);
 int64_t NowMicrosOfDay();
 double MonoSeconds();
 
-// One glog line as far as the benchmarks need it.
-struct LogLine {
-  int64_t micros = 0;  // time of day from the header
-  std::string text;    // the message
-};
+using LogLine = figures::LogLine;
 
 // Reads a glog-format file as it grows, from where the last call stopped.
 class LogTail {

@@ -53,47 +53,17 @@ std::string ReadAll(const std::string& path) {
   return ss.str();
 }
 
-// wrk's duration figures: "850.00us", "3.21ms", "1.02s".
-double ToMs(const std::string& v) {
-  const double x = std::strtod(v.c_str(), nullptr);
-  if (v.find("us") != std::string::npos) return x / 1000;
-  if (v.find("ms") != std::string::npos) return x;
-  if (v.find('s') != std::string::npos) return x * 1000;
-  return x;
-}
-
-struct Load {
-  double rps = -1;
-  double p50Ms = -1;
-  double p99Ms = -1;
-  long requests = 0;
-  std::string errors;  // wrk's error lines, if any
-};
+using Load = figures::WrkReport;
 
 // One wrk run of `seconds` against `url`: one thread, eight keep-alive connections.
 Load RunWrk(const std::string& url, int seconds) {
   const std::string out = std::string(kNginxDir) + "/wrk.out";
   benchrun::Child wrk({"wrk", "-t1", "-c8", "-d" + std::to_string(seconds) + "s", "--latency", url},
                       out);
-  Load load;
   if (!wrk.Started() ||
       !benchrun::WaitUntil([&] { return !wrk.Running(); }, std::chrono::seconds(seconds + 30), 50ms))
-    return load;
-  std::istringstream text(ReadAll(out));
-  std::string line;
-  bool inDistribution = false;
-  while (std::getline(text, line)) {
-    std::istringstream f(line);
-    std::string a, b;
-    f >> a >> b;
-    if (a == "Requests/sec:") load.rps = std::strtod(b.c_str(), nullptr);
-    if (a == "Latency" && b == "Distribution") inDistribution = true;
-    if (inDistribution && a == "50%") load.p50Ms = ToMs(b);
-    if (inDistribution && a == "99%") load.p99Ms = ToMs(b);
-    if (b == "requests") load.requests = std::strtol(a.c_str(), nullptr, 10);
-    if (a == "Socket" || a == "Non-2xx") load.errors += line + "\n";
-  }
-  return load;
+    return Load{};
+  return figures::ParseWrk(ReadAll(out));
 }
 
 bool MakeCertificate() {
@@ -176,7 +146,7 @@ bool RunHttps(const Options& opt) {
       if (f.s_cmd == kHttpsQuery) ++relayed;
     std::printf("daemon: %.0f requests/s, p50 %.3f ms, p99 %.3f ms, %ld requests, %zu relayed\n%s",
                 l.rps, l.p50Ms, l.p99Ms, l.requests, relayed, l.errors.c_str());
-    if (l.rps <= 0) return false;
+    if (l.rps <= 0 || l.p99Ms < 0) return false;
     daemonRuns.push_back(l);
     return true;
   };
@@ -193,7 +163,7 @@ bool RunHttps(const Options& opt) {
     std::printf("nginx:  %.0f requests/s, p50 %.3f ms, p99 %.3f ms, %ld requests\n%s", l.rps,
                 l.p50Ms, l.p99Ms, l.requests, l.errors.c_str());
     nginx.Stop(SIGQUIT, 10000ms);
-    if (l.rps <= 0) return false;
+    if (l.rps <= 0 || l.p99Ms < 0) return false;
     nginxRuns.push_back(l);
     return true;
   };

@@ -25,6 +25,10 @@ machine() {
 run_all() {
   local rc=0
   machine start
+  # The parsers the figures are read with, checked before any figure is taken.
+  if [ -x "$build/bench/bench_figures_test" ]; then
+    "$build/bench/bench_figures_test" --gtest_brief=1 || return 1
+  fi
   "$build/bench/codec_bench" || rc=1
   "$build/bench/daemon_bench" all "${args[@]}" || rc=1
   machine end | tail -1
