@@ -24,12 +24,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <sstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "CSComm.h"
 #include "bench_report.h"
 #include "daemon_bench.h"
 #include "daemon_run.h"
@@ -46,11 +47,11 @@ using namespace std::chrono_literals;
 
 namespace benchd {
 
-constexpr uint16_t kFromDaemon = 2;
-constexpr uint16_t kRunCommand = 0x301;  // SANDBOX_S2B_OPENBSAPP
-constexpr uint16_t kNoOp = 0x303;        // SANDBOX_S2B_RESPONSE
-constexpr uint16_t kRegister = 0x1005;
-constexpr uint16_t kHeartbeat = 0x1111;
+constexpr uint16_t kFromDaemon = MCMD_FROM_DAEMON;
+constexpr uint16_t kRunCommand = SANDBOX_S2B_OPENBSAPP;
+constexpr uint16_t kNoOp = SANDBOX_S2B_RESPONSE;
+constexpr uint16_t kRegister = SDP_PROTO_REGISTER;
+constexpr uint16_t kHeartbeat = SDP_PROTO_HEARTBEAT;
 
 constexpr char kNoOpLine[] = " got SANDBOX_S2B_RESPONSE message from server";
 constexpr char kCommandDoneLine[] = " got SANDBOX_S2B_OPENBSAPP message from server res:";
@@ -76,11 +77,10 @@ bool Daemon::Start(bool answerHeartbeats, const std::vector<std::string>& args,
   if (answerHeartbeats) {
     // The peer daemon answers every heartbeat; so does this one.
     peer.SetFrameCallback([this](const sdppeer::Frame& f) {
-      if (f.m_cmd == 1 && f.s_cmd == kHeartbeat) peer.SendFrame(kFromDaemon, kHeartbeat, "", 1000ms);
+      if (f.m_cmd == MCMD_TO_DAEMON && f.s_cmd == kHeartbeat) peer.SendFrame(kFromDaemon, kHeartbeat, "", 1000ms);
     });
   }
   spawnMicros = benchrun::NowMicrosOfDay();
-  spawnMono = benchrun::MonoSeconds();
   // BENCH_DAEMON_WRAPPER puts a profiler in front of the daemon, e.g.
   // "valgrind --tool=callgrind": valgrind keeps the process id, which names
   // the log file.

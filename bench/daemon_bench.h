@@ -52,7 +52,6 @@ struct Daemon {
   bool keepLines = false;               // keep every line read in `lines`
   std::vector<benchrun::LogLine> lines;
   int64_t spawnMicros = 0;              // time of day of the spawn, as in log headers
-  double spawnMono = 0;
 };
 
 bool RunDispatch(const Options& opt);

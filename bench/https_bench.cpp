@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "CSComm.h"
 #include "bench_report.h"
 #include "daemon_bench.h"
 #include "daemon_run.h"
@@ -33,7 +34,7 @@ constexpr int kDaemonPort = 7103;  // the endpoint's port when syscfg.ini names 
 constexpr int kNginxPort = 7443;
 constexpr char kNginxDir[] = "/tmp/bench-nginx";
 constexpr char kPage[] = "<html><body><p>https server</p></body></html>";
-constexpr uint16_t kHttpsQuery = 0x1113;
+constexpr uint16_t kHttpsQuery = SDP_PROTO_HTTPS_QUERY;
 
 bool Listening(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
