@@ -11,7 +11,7 @@ namespace {
 enum class Arg { kNone, kRequired, kOptional };
 
 // The commands that send one frame with m_cmd 2, as the peer daemon does.
-struct SendSpec {
+struct SendVerb {
   const char* name;
   uint16_t s_cmd;
   Arg arg;
@@ -19,7 +19,7 @@ struct SendSpec {
   const char* what;
 };
 
-constexpr SendSpec kSendSpecs[] = {
+constexpr SendVerb kSendVerbs[] = {
     {"open-app", SANDBOX_S2B_OPENBSAPP, Arg::kRequired, "<shell command>",
      "the daemon runs it through /bin/sh -c"},
     {"portal", SANDBOX_S2B_OPEN_DRAVIN_PORTAL, Arg::kRequired, "<url>",
@@ -202,17 +202,17 @@ ParseResult ParseCommandLine(const std::string& raw_line) {
   std::string word, args;
   SplitWord(line, &word, &args);
 
-  for (const SendSpec& spec : kSendSpecs) {
-    if (word != spec.name) continue;
-    if (spec.arg == Arg::kRequired && args.empty())
-      return Fail(word + " needs an argument: " + word + " " + spec.arg_help);
-    if (spec.arg == Arg::kNone && !args.empty())
+  for (const SendVerb& verb : kSendVerbs) {
+    if (word != verb.name) continue;
+    if (verb.arg == Arg::kRequired && args.empty())
+      return Fail(word + " needs an argument: " + word + " " + verb.arg_help);
+    if (verb.arg == Arg::kNone && !args.empty())
       return Fail(word + " takes no argument (got " + Quoted(args) + ")");
     Command c;
     c.kind = CommandKind::kSend;
     c.name = word;
     c.m_cmd = MCMD_FROM_DAEMON;
-    c.s_cmd = spec.s_cmd;
+    c.s_cmd = verb.s_cmd;
     c.body = args;
     return Ok(std::move(c));
   }
@@ -246,9 +246,9 @@ ParseResult ParseCommandLine(const std::string& raw_line) {
 std::string CommandHelp() {
   std::string out = "Commands (one per line; '#' starts a comment line):\n";
   char buf[256];
-  for (const SendSpec& spec : kSendSpecs) {
-    std::string head = std::string(spec.name) + (spec.arg_help[0] ? " " : "") + spec.arg_help;
-    std::snprintf(buf, sizeof buf, "  %-28s 0x%-6x %s\n", head.c_str(), spec.s_cmd, spec.what);
+  for (const SendVerb& verb : kSendVerbs) {
+    std::string head = std::string(verb.name) + (verb.arg_help[0] ? " " : "") + verb.arg_help;
+    std::snprintf(buf, sizeof buf, "  %-28s 0x%-6x %s\n", head.c_str(), verb.s_cmd, verb.what);
     out += buf;
   }
   out +=
