@@ -25,9 +25,8 @@ class LogCapture : public google::LogSink {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  void send(google::LogSeverity severity, const char* /*full_filename*/,
-            const char* base_filename, int /*line*/, const google::LogMessageTime& /*time*/,
-            const char* message, size_t message_len) override {
+  void send(google::LogSeverity severity, const char*, const char* base_filename, int,
+            const google::LogMessageTime&, const char* message, size_t message_len) override {
     std::lock_guard<std::mutex> lock(mu_);
     records_.push_back({severity, base_filename, std::string(message, message_len)});
   }
@@ -36,39 +35,31 @@ class LogCapture : public google::LogSink {
     std::lock_guard<std::mutex> lock(mu_);
     return records_;
   }
-
-  // Texts only, in order.
-  std::vector<std::string> texts() const {
+  std::vector<std::string> texts() const {  // in order
     std::vector<std::string> out;
     for (const auto& r : records()) out.push_back(r.text);
     return out;
   }
-
   // True when some record has exactly this text (and severity, if given).
   bool has(const std::string& text, int severity = -1) const {
     for (const auto& r : records())
       if (r.text == text && (severity < 0 || r.severity == severity)) return true;
     return false;
   }
-
-  // Number of records whose text starts with `prefix`.
   int count_prefix(const std::string& prefix) const {
     int n = 0;
-    for (const auto& r : records())
-      if (r.text.compare(0, prefix.size(), prefix) == 0) ++n;
+    for (const auto& r : records()) n += r.text.compare(0, prefix.size(), prefix) == 0;
     return n;
   }
-
   // Polls until a record starting with `prefix` appears or the deadline passes.
   bool wait_prefix(const std::string& prefix, std::chrono::milliseconds deadline) const {
-    auto end = std::chrono::steady_clock::now() + deadline;
-    while (std::chrono::steady_clock::now() < end) {
-      if (count_prefix(prefix) > 0) return true;
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (count_prefix(prefix) == 0) {
+      if (std::chrono::steady_clock::now() >= end) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return count_prefix(prefix) > 0;
+    return true;
   }
-
   void clear() {
     std::lock_guard<std::mutex> lock(mu_);
     records_.clear();
