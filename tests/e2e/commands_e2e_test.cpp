@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -34,7 +35,8 @@ class DaemonCommands : public e2e::SharedRun {
     const std::string sentinel = " got message from server cmd 0x:4242";
     const size_t before = daemon_->MainThreadLog("tolvarind.cpp").size();
     const int sentinels = daemon_->Count(sentinel);
-    for (const auto& [m_cmd, s_cmd, body] : frames) EXPECT_TRUE(peer_->SendFrame(m_cmd, s_cmd, body));
+    for (const auto& [m_cmd, s_cmd, body] : frames)
+      EXPECT_TRUE(peer_->SendFrame(m_cmd, s_cmd, body));
     EXPECT_TRUE(peer_->SendFrame(2, 0x4242, ""));
     EXPECT_TRUE(daemon_->WaitLog(sentinel, timeout, sentinels + 1));
     Lines out;
@@ -51,47 +53,51 @@ bool Called(const std::string& fake, const Lines& args) {
 }
 
 TEST_F(DaemonCommands, EachCommandCodeDoesWhatItsEntrySays) {
-  const std::string got = " got message from server cmd 0x:";
-  const Lines notify = {"-i", "info", "-t", "5000", "非法访问"};
+  const std::string shell = " got SANDBOX_S2B_OPENBSAPP message from server res:";
+  const std::string illegal = " got SANDBOX_A2F_ILLEGAL message from server msg:";
+  const std::string url = "https://portal.example/login?user=alice";
+  const Lines notify = {"notify-send", "-i", "info", "-t", "5000", "非法访问"};
+  // Each frame's first line names its code; `then` are the lines after it,
+  // `call` the fake it runs and that fake's arguments.
   const struct {
     uint16_t code;
     std::string body;
-    Lines lines;       // the loop's lines for it, in order
-    std::string fake;  // the fake it runs, if any, ...
-    Lines args;        // ... with these arguments
+    Lines then, call;
   } cases[] = {
-      {0x301, "printf 'hi there'",
-       {got + "301", " got SANDBOX_S2B_OPENBSAPP message from server res:1 hi there"}, "", {}},
+      {0x301, "printf 'hi there'", {shell + "1 hi there"}, {}},
       // ls lists its own descriptors: the standard three and the directory it
       // reads. Anything more was left open by the daemon.
-      {0x301, "ls /proc/self/fd | tr '\\n' ' '",
-       {got + "301", " got SANDBOX_S2B_OPENBSAPP message from server res:1 0 1 2 3 "}, "", {}},
-      {0x303, "ignored", {got + "303", " got SANDBOX_S2B_RESPONSE message from server"}, "", {}},
+      {0x301, "ls /proc/self/fd | tr '\\n' ' '", {shell + "1 0 1 2 3 "}, {}},
+      {0x303, "ignored", {" got SANDBOX_S2B_RESPONSE message from server"}, {}},
       // The script ran, yet the result is 1: never read as success.
-      {0x306, "https://portal.example/login?user=alice",
-       {got + "306", " got SANDBOX_S2B_OPEN_DRAVIN_PORTAL message from server",
-        "open solmeri req: https://portal.example/login?user=alice", "open solmeri res: 1"},
-       "dravinSSO.sh", {"https://portal.example/login?user=alice"}},
-      {0x501, "gedit", {got + "501", " got SANDBOX_A2F_ILLEGAL message from server msg:gedit"},
-       "notify-send", {"gedit不属于应用白名单"}},
-      {0x501, std::string("a\0b", 3),
-       {got + "501", " got SANDBOX_A2F_ILLEGAL message from server msg:a"}, "notify-send",
-       {"a不属于应用白名单"}},
-      {0x1001, "--title hello world", {got + "1001", " got SANDBOX_TO_LOCAL message from server"},
-       "sdpPopup.sh", {"--title", "hello", "world"}},
-      {0x1012, "x", {got + "1012", " got SDP_PROTO_OPEN_SANDBOX message from server"}, "", {}},
-      {0x1013, "x", {got + "1013", " got SDP_PROTO_CLOSE_SANDBOX message from server"}, "", {}},
-      {0x0, "x", {got + "0"}, "", {}},
-      {0x1005, "1005abc\n", {got + "1005"}, "", {}},
-      {0x1113, "id=1", {got + "1113"}, "", {}},
-      {0xabcd, "", {got + "abcd"}, "", {}},
+      {0x306,
+       url,
+       {" got SANDBOX_S2B_OPEN_DRAVIN_PORTAL message from server", "open solmeri req: " + url,
+        "open solmeri res: 1"},
+       {"dravinSSO.sh", url}},
+      {0x501, "gedit", {illegal + "gedit"}, {"gedit不属于应用白名单"}},
+      {0x501, std::string("a\0b", 3), {illegal + "a"}, {"a不属于应用白名单"}},
+      {0x1001,
+       "--title hi you",
+       {" got SANDBOX_TO_LOCAL message from server"},
+       {"sdpPopup.sh", "--title", "hi", "you"}},
+      {0x1012, "x", {" got SDP_PROTO_OPEN_SANDBOX message from server"}, {}},
+      {0x1013, "x", {" got SDP_PROTO_CLOSE_SANDBOX message from server"}, {}},
+      {0x0, "x", {}, {}},
+      {0x1005, "1005abc\n", {}, {}},
+      {0x1113, "id=1", {}, {}},
+      {0xabcd, "", {}, {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << "code 0x" << std::hex << c.code << " body " << c.body);
-    EXPECT_EQ(Exchange({{2, c.code, c.body}}), c.lines);
-    Lines args = c.args;
-    if (c.fake == "notify-send") args.insert(args.begin(), notify.begin(), notify.end());
-    if (!c.fake.empty()) EXPECT_TRUE(Called(c.fake, args));
+    std::stringstream first;
+    first << " got message from server cmd 0x:" << std::hex << c.code;
+    Lines want = {first.str()};
+    want.insert(want.end(), c.then.begin(), c.then.end());
+    EXPECT_EQ(Exchange({{2, c.code, c.body}}), want);
+    Lines call = c.call;
+    if (c.code == 0x501) call.insert(call.begin(), notify.begin(), notify.end());
+    EXPECT_TRUE(call.empty() || Called(call[0], Lines(call.begin() + 1, call.end())));
   }
   // The pop-up fake marks its end 0.4 s after its call: had the loop not
   // waited for it, the sentinel's line would have come first.
@@ -106,7 +112,8 @@ TEST_F(DaemonCommands, EachCommandCodeDoesWhatItsEntrySays) {
 // the shell's own command line shows the exact text the daemon formatted.
 TEST_F(DaemonCommands, PortalAndNotificationCommandLinesKeepTheirDoubleBlanks) {
   const std::string portal = "; tr '\\0' '\\n' < /proc/$$/cmdline > /tmp/rec/portal.cmdline; true";
-  const std::string notify = "x; tr '\\0' '\\n' < /proc/$$/cmdline > /tmp/rec/notify.cmdline; true #";
+  const std::string notify =
+      "x; tr '\\0' '\\n' < /proc/$$/cmdline > /tmp/rec/notify.cmdline; true #";
   Exchange({{2, 0x306, portal}, {2, 0x501, notify}});
   EXPECT_EQ(e2e::ReadFile("/tmp/rec/portal.cmdline"),
             "/bin/sh\n-c\n/opt/apps/morvasta/dravinSSO.sh  " + portal + "\n");
@@ -116,8 +123,8 @@ TEST_F(DaemonCommands, PortalAndNotificationCommandLinesKeepTheirDoubleBlanks) {
 
 TEST_F(DaemonCommands, ShellCommandIsKilledAfterThreeSecondsAndTheLoopGoesOn) {
   const auto start = std::chrono::steady_clock::now();
-  const auto lines =
-      Exchange({{2, 0x301, "sleep 4; touch /tmp/rec/late"}, {2, 0x301, "touch /tmp/rec/next"}}, 10s);
+  const auto lines = Exchange(
+      {{2, 0x301, "sleep 4; touch /tmp/rec/late"}, {2, 0x301, "touch /tmp/rec/next"}}, 10s);
   const auto took = std::chrono::steady_clock::now() - start;
   const std::string got = " got message from server cmd 0x:301";
   EXPECT_EQ(lines, (Lines{got, " got SANDBOX_S2B_OPENBSAPP message from server res:-4 ", got,

@@ -31,7 +31,8 @@ std::string RecorderScript(const std::string& name, const std::string& tail = ""
   return "#!/bin/sh\nd=" + std::string(kRecordDir) + "/" + name +
          "\nmkdir -p \"$d\"\nf=\"$d/$$\"\n: > \"$f.part\"\n"
          "for a in \"$@\"; do printf '%s\\n' \"$a\" >> \"$f.part\"; done\n"
-         "mv \"$f.part\" \"$f\"\n" + tail;
+         "mv \"$f.part\" \"$f\"\n" +
+         tail;
 }
 
 std::vector<std::string> Lines(const std::string& text) {
@@ -46,8 +47,8 @@ bool ParseHeader(const std::string& line, LogLine& out) {
   char sev = 0;
   int date, h, m, s, us, n = 0;
   unsigned long tid;
-  if (std::sscanf(line.c_str(), "%c%8d %2d:%2d:%2d.%6d %lu %n", &sev, &date, &h, &m, &s, &us,
-                  &tid, &n) != 7 ||
+  if (std::sscanf(line.c_str(), "%c%8d %2d:%2d:%2d.%6d %lu %n", &sev, &date, &h, &m, &s, &us, &tid,
+                  &n) != 7 ||
       n == 0 || std::strchr("IWEF", sev) == nullptr)
     return false;
   const size_t close = line.find(']', n), colon = line.rfind(':', close);
@@ -103,7 +104,8 @@ void PrepareInstallation(const std::string& sandboxId) {
   if (!sandboxId.empty())
     WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=" + sandboxId + "\n");
   std::ofstream(std::string("/proc/sys/net/ipv6/conf/") + testsupport::kSandboxIfName +
-                "/disable_ipv6") << "1\n";
+                "/disable_ipv6")
+      << "1\n";
 }
 
 std::vector<std::vector<std::string>> RecordedCalls(const std::string& name) {

@@ -1,9 +1,6 @@
-// What the daemon's end-to-end tests share: the real `tolvarind` binary in the
-// test sandbox, its glog files, the installation's files, recording fakes of
-// the scripts and of notify-send, and polling with deadlines.
-//
-// REQUIRES: the process is in the sandbox (sandbox_main), so every fixed path
-// below is a private tmpfs.
+// The real `tolvarind` binary in the test sandbox, its glog files, the
+// installation's files, recording fakes of its scripts and of notify-send.
+// REQUIRES: the process is in the sandbox (sandbox_main).
 #pragma once
 
 #include <sys/types.h>
@@ -19,10 +16,8 @@ namespace e2e {
 
 using Millis = std::chrono::milliseconds;
 
-// Where the recording fakes leave one file per call.
-inline constexpr char kRecordDir[] = "/tmp/rec";
-// Put in front of PATH for the daemon; holds the fake notify-send.
-inline constexpr char kFakeBinDir[] = "/tmp/fakebin";
+inline constexpr char kRecordDir[] = "/tmp/rec";       // the fakes' records
+inline constexpr char kFakeBinDir[] = "/tmp/fakebin";  // first in the daemon's PATH
 
 // Polls `pred` until it holds or `timeout` passes; returns its last value.
 bool WaitUntil(const std::function<bool()>& pred, Millis timeout);
@@ -75,9 +70,9 @@ class Daemon {
                const std::string& severity = "info") const;
 
   bool Signal(int sig) const;
-  bool Running();  // not yet exited, or exited but not reaped
+  bool Running();                               // not yet exited, or exited but not reaped
   std::optional<int> WaitExit(Millis timeout);  // the wait status
-  std::string Stderr() const;  // sanitizer reports land here
+  std::string Stderr() const;                   // sanitizer reports land here
 
  private:
   pid_t pid_ = -1;

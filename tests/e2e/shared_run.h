@@ -37,7 +37,7 @@ class SharedRun : public ::testing::Test {
     return false;
   }
   static void TearDownTestSuite() {
-    if (daemon_) EXPECT_EQ(SanitizerReport(daemon_->Stderr()), "");
+    EXPECT_EQ(daemon_ ? SanitizerReport(daemon_->Stderr()) : "", "");
     daemon_.reset();
     peer_.reset();
     error_.clear();

@@ -43,8 +43,8 @@ TEST(StartupRetries, RetriesEveryThreeSecondsUntilIdAndPeerAreThere) {
   std::vector<std::string> sequence;
   std::vector<int64_t> times;
   for (const auto& l : daemon.Log()) {
-    const bool mark = l.text == "setupSignal done." || l.text == "init error..." ||
-                      l.text == "init finish..";
+    const bool mark =
+        l.text == "setupSignal done." || l.text == "init error..." || l.text == "init finish..";
     if (mark || l.text == idError || l.text.rfind("initDaemonClient:", 0) == 0)
       sequence.push_back(l.text);
     if (mark) times.push_back(l.micros);
@@ -94,7 +94,9 @@ class DaemonStartup : public e2e::SharedRun {
 TEST_F(DaemonStartup, RegistersOnceThenHeartbeatsEveryThreeSecondsReprobingOnTheSixth) {
   auto reg = peer_->WaitFrame(kRegister, 8s);
   ASSERT_TRUE(reg.has_value());
-  EXPECT_EQ(reg->Bytes(), std::string("\0\0\x01\0\x05\x10\x09\0" "1005abc\n\0", 17));
+  EXPECT_EQ(reg->Bytes(), std::string("\0\0\x01\0\x05\x10\x09\0"
+                                      "1005abc\n\0",
+                                      17));
   auto first = peer_->WaitFrame(IsHeartbeat, 8s);
   ASSERT_TRUE(first.has_value());
   EXPECT_EQ(first->m_cmd, 1);

@@ -1,0 +1,122 @@
+// How the real daemon lives on and ends. Losing the peer (an oversize frame,
+// a peer restart) ends the connection; the daemon reconnects by itself,
+// heartbeats resume on the new connection without a second registration, and
+// commands work again. A termination signal, in the command loop or in the
+// wait before start-up, leaves one line naming it and exit status 0; a crash
+// leaves glog's report in the ERROR log and ends by the signal.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "shared_run.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using sdppeer::Frame;
+
+class DaemonReconnect : public e2e::SharedRun {
+ protected:
+  static void SetUpTestSuite() {
+    StartRun() && (peer_->WaitFrame(0x1005, 8s) || Fail("no registration")) && WaitLoop();
+  }
+
+  // Waits for connection number `count`, then expects it served: a heartbeat
+  // on it, no registration, and a shell command sent on it run.
+  static void ExpectServedOn(uint64_t count, const std::string& touched) {
+    ASSERT_TRUE(peer_->WaitAccepted(count, 3s));
+    const uint64_t conn = peer_->CurrentConnection();
+    auto beat = peer_->WaitFrame(
+        [&](const Frame& f) { return f.connection == conn && f.s_cmd == 0x1111; }, 5s);
+    ASSERT_TRUE(beat.has_value()) << "no heartbeat on connection " << conn;
+    EXPECT_EQ(beat->body, "abc#10.0.0.5#");
+    for (const auto& f : peer_->Frames())
+      EXPECT_FALSE(f.connection == conn && f.s_cmd == 0x1005) << "registered again on " << conn;
+    ASSERT_TRUE(peer_->SendFrame(2, 0x301, "touch " + touched));
+    EXPECT_TRUE(e2e::WaitUntil([&] { return e2e::Exists(touched); }, 5s)) << touched;
+  }
+};
+
+TEST_F(DaemonReconnect, OversizeFrameDropsTheConnectionAndItComesBack) {
+  const uint64_t accepted = peer_->AcceptedCount();
+  const int failures = daemon_->Count("read  package  failed", "error");
+  // A header announcing one byte more than a frame may carry; no body follows.
+  ASSERT_TRUE(peer_->SendRaw(sdppeer::EncodeHeader(0, 2, 4097, 64504)));
+  ASSERT_TRUE(daemon_->WaitLog("read  package  failed", 5s, failures + 1, "error"));
+  EXPECT_GE(daemon_->Count("got error message:2 4097 0 64504", "error"), 1);
+  EXPECT_GE(daemon_->Count("daemon_client recv message failed, wailt reconnect", "error"), 1);
+  ExpectServedOn(accepted + 1, "/tmp/rec/after-oversize");
+}
+
+TEST_F(DaemonReconnect, PeerRestartIsFollowedByReconnectionAndHeartbeats) {
+  const uint64_t accepted = peer_->AcceptedCount();
+  const int attempts = daemon_->Count("try connect to server");
+  peer_->StopListening();
+  peer_->CloseConnection();
+  // It keeps trying while nobody listens, and is back within about a second.
+  ASSERT_TRUE(daemon_->WaitLog("try connect to server", 5s, attempts + 2));
+  EXPECT_GE(daemon_->Count("anetUnixConnect failed:", "error"), 1);
+  EXPECT_EQ(peer_->AcceptedCount(), accepted);
+  ASSERT_TRUE(peer_->Restart());
+  ExpectServedOn(accepted + 1, "/tmp/rec/after-restart");
+}
+
+TEST(DaemonSignals, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReported) {
+  e2e::PrepareInstallation("abc");
+  sdppeer::PeerServer peer;
+  ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
+  const struct {
+    int sig;
+    bool inLoop;  // else during the wait before the first start-up attempt
+  } cases[] = {{SIGTERM, true}, {SIGQUIT, true},  {SIGUSR1, true},
+               {SIGUSR2, true}, {SIGTERM, false}, {SIGSEGV, false}};
+  // All run at once.
+  std::vector<std::unique_ptr<e2e::Daemon>> daemons;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    daemons.push_back(std::make_unique<e2e::Daemon>());
+    ASSERT_TRUE(daemons.back()->Started());
+  }
+  for (int inLoop = 0; inLoop < 2; ++inLoop)
+    for (size_t i = 0; i < std::size(cases); ++i) {
+      if (cases[i].inLoop != bool(inLoop)) continue;
+      ASSERT_TRUE(inLoop ? daemons[i]->WaitLog("read userinfo failed!", 12s, 1, "error")
+                         : daemons[i]->WaitLog("setupSignal done.", 5s));
+      ASSERT_TRUE(daemons[i]->Signal(cases[i].sig));
+    }
+  // ThreadSanitizer holds an asynchronous signal until the thread it hit
+  // leaves its blocking call; a frame the daemons drop (main command 1) gives
+  // the receiving thread that moment. Without it, the frames change nothing.
+  EXPECT_TRUE(e2e::WaitUntil(
+      [&] {
+        peer.SendFrame(1, 0x303, "", 100ms);
+        for (auto& d : daemons)
+          if (d->Running()) return false;
+        return true;
+      },
+      10s));
+
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const int sig = cases[i].sig;
+    SCOPED_TRACE(testing::Message() << "signal " << sig << (cases[i].inLoop ? " in loop" : ""));
+    e2e::Daemon& d = *daemons[i];
+    const auto status = d.WaitExit(0ms);
+    ASSERT_TRUE(status.has_value());
+    if (sig == SIGSEGV) {  // glog's handler reports, then lets the signal end it
+      EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGSEGV) << *status;
+      EXPECT_GE(d.Count("*** SIGSEGV", "error"), 1);
+      continue;
+    }
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+    EXPECT_EQ(d.Count("Daemon Child Recv Signal:" + std::to_string(sig)), 1);
+    EXPECT_EQ(d.Count("Daemon Child Recv Signal:"), 1);
+    EXPECT_EQ(d.Count("init finish.."), cases[i].inLoop ? 1 : 0);
+    EXPECT_EQ(e2e::SanitizerReport(d.Stderr()), "");
+  }
+}
+
+}  // namespace
