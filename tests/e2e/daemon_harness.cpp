@@ -1,6 +1,5 @@
 #include "daemon_harness.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -120,26 +119,17 @@ std::vector<std::vector<std::string>> RecordedCalls(const std::string& name) {
 Daemon::Daemon() {
   static std::atomic<int> counter{0};
   const std::string base = "/tmp/daemon." + std::to_string(counter++);
-  const std::string out = base + ".stdout";
   stderr_path_ = base + ".stderr";
-
-  const char* path = std::getenv("PATH");
-  std::vector<std::string> env{std::string("PATH=") + kFakeBinDir + ":" +
-                               (path ? path : "/usr/local/bin:/usr/bin:/bin")};
-  for (char** e = environ; *e; ++e)
-    if (std::strncmp(*e, "PATH=", 5) != 0) env.push_back(*e);
-  std::vector<char*> envp;
-  for (auto& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-
+  // The shell puts the fakes first in PATH and becomes the daemon (same pid).
+  // No descriptor beyond the standard three, and nothing the test process
+  // blocks or ignores, carries over.
+  std::string sh = "/bin/sh", c = "-c", bin = TOLVARIND_BIN,
+              script = std::string("export PATH=") + kFakeBinDir +
+                       ":$PATH; exec \"$0\" </dev/null >" + base + ".stdout 2>" + stderr_path_;
+  char* argv[] = {sh.data(), c.data(), script.data(), bin.data(), nullptr};
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, stderr_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  // Nothing the test process blocks or ignores carries over.
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
   sigset_t none, all;
@@ -148,10 +138,8 @@ Daemon::Daemon() {
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setsigdefault(&attr, &all);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::string bin = TOLVARIND_BIN;
-  char* argv[] = {bin.data(), nullptr};
   pid_t pid = -1;
-  if (posix_spawn(&pid, bin.c_str(), &actions, &attr, argv, envp.data()) == 0) pid_ = pid;
+  if (posix_spawn(&pid, sh.c_str(), &actions, &attr, argv, environ) == 0) pid_ = pid;
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
 }

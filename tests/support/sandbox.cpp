@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 namespace testsupport {
 namespace {
@@ -25,12 +26,8 @@ namespace {
 }
 
 void WriteProcFile(const char* path, const std::string& text) {
-  const int fd = open(path, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) Die(std::string("open ") + path);
-  const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  const int err = errno;
-  close(fd);
-  if (!ok) Die(std::string("write ") + path, err);
+  std::ofstream out(path);
+  if (!(out << text << std::flush)) Die(std::string("write ") + path);
 }
 
 ino_t MountNsInode() {
