@@ -1,4 +1,4 @@
-// The bytes of a desktop entry, built without files.
+// The bytes of a resource's launcher, built without files.
 #include "iconmanager.h"
 
 #include <gtest/gtest.h>
@@ -27,13 +27,6 @@ TEST(DesktopEntry, ResourceLauncherIsTheThirteenLineLayout) {
       "X-Deepin-CreatedBy=com.deepin.dde.daemon.Launcher\n"
       "X-Deepin-AppID=mail01\n",
       iconmanager::DesktopEntryText(iconmanager::ResourceLauncher(resource)));
-}
-
-TEST(DesktopEntry, WritesMembersInOrderVerbatimAndSkipsTheSpare) {
-  SAppDesktop d{"1", "2", "3", "4", "5", "6", "spare", "8", "9", "10", "11", "12", "13", "a=b\\n"};
-  EXPECT_EQ("[Desktop Entry]\n1\n2\n3\n4\n5\n6\n8\n9\n10\n11\n12\n13\na=b\\n\n",
-            iconmanager::DesktopEntryText(d));
-  EXPECT_EQ("[Desktop Entry]\n" + std::string(13, '\n'), iconmanager::DesktopEntryText({}));
 }
 
 }  // namespace
