@@ -20,6 +20,7 @@
 
 #include "CSComm.h"
 #include "bench_report.h"
+#include "stream_io.h"
 #include "tcp_client.h"
 
 namespace {
@@ -93,26 +94,6 @@ void BM_Codec(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * (body + SDPMSG_HEAD_LEN));
 }
 
-bool SendAll(int fd, const char* p, size_t n) {
-  while (n > 0) {
-    ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
-    if (w <= 0) return false;
-    p += w;
-    n -= static_cast<size_t>(w);
-  }
-  return true;
-}
-
-bool RecvAll(int fd, char* p, size_t n) {
-  while (n > 0) {
-    ssize_t r = recv(fd, p, n, 0);
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
-  }
-  return true;
-}
-
 // The floor: the same frame bytes, built once, pushed through one send and
 // one receive loop over a socketpair of the same kind (AF_UNIX stream), with
 // no framing, no locks and no clearing.
@@ -129,8 +110,8 @@ void BM_Raw(benchmark::State& state) {
   const size_t total = static_cast<size_t>(cscomm::BuildFrame(
       &frame, MCMD_FROM_DAEMON, SANDBOX_S2B_RESPONSE, payload.data(), body, nullptr));
   for (auto _ : state) {
-    if (!SendAll(sv[0], reinterpret_cast<const char*>(&frame), total) ||
-        !RecvAll(sv[1], reinterpret_cast<char*>(&in), total)) {
+    if (!benchio::SendAll(sv[0], reinterpret_cast<const char*>(&frame), total) ||
+        !benchio::RecvAll(sv[1], reinterpret_cast<char*>(&in), total)) {
       state.SkipWithError("bytes lost");
       break;
     }

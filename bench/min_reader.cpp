@@ -21,19 +21,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace {
-
-bool RecvAll(int fd, char* p, size_t n) {
-  while (n > 0) {
-    ssize_t r = recv(fd, p, n, 0);
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
-  }
-  return true;
-}
-
-}  // namespace
+#include "stream_io.h"
 
 int main(int argc, char** argv) {
   const bool useGlog = argc == 4 && std::strcmp(argv[1], "--glog") == 0;
@@ -67,11 +55,11 @@ int main(int argc, char** argv) {
   static char body[65536];
   for (;;) {
     unsigned char head[8];
-    if (!RecvAll(fd, reinterpret_cast<char*>(head), sizeof head)) break;
+    if (!benchio::RecvAll(fd, reinterpret_cast<char*>(head), sizeof head)) break;
     uint16_t s_cmd, msglen;
     std::memcpy(&s_cmd, head + 4, 2);
     std::memcpy(&msglen, head + 6, 2);
-    if (msglen > 0 && !RecvAll(fd, body, msglen)) break;
+    if (msglen > 0 && !benchio::RecvAll(fd, body, msglen)) break;
     if (useGlog) {
       LOG(INFO) << " got message from server cmd 0x:" << std::hex << s_cmd;
       continue;
