@@ -1,8 +1,8 @@
 // The operations on their fixed files; runs in the namespace sandbox, so
 // /tmp and /opt are private and empty at the start of every test.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "log_capture.h"
@@ -11,13 +11,7 @@
 
 namespace {
 
-void WriteFile(const std::string& path, const std::string& text) {
-  for (size_t i = 1; i < path.size(); ++i)
-    if (path[i] == '/') mkdir(path.substr(0, i).c_str(), 0755);
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-TEST(PolicyFiles, MissingFilesAreNoErrorAndLeaveRecordsAlone) {
+TEST(PolicyFiles, MissingFilesLeaveRecordsAloneUnparsableOnesClearThePolicyName) {
   testsupport::LogCapture capture;
   std::vector<SAppDesktop> resources;
   EXPECT_FALSE(PolicyAnalyzer::getIns().ReadResource(resources));
@@ -30,19 +24,17 @@ TEST(PolicyFiles, MissingFilesAreNoErrorAndLeaveRecordsAlone) {
   EXPECT_EQ((std::vector<std::string>{"GatewayConfig not find!!", "get boxid info : 7",
                                       "policy file not exist:/tmp/.sdp_cfs/policy.json"}),
             capture.texts());
-}
 
-TEST(PolicyFiles, UnparsableFilesAreNotFoundButThePolicyNameIsCleared) {
-  WriteFile(sdp_paths::kResourceJson, "not json");
-  WriteFile(sdp_paths::kPolicyJson, "");
-  testsupport::LogCapture capture;
-  std::vector<SAppDesktop> resources;
+  std::filesystem::create_directories(std::filesystem::path(sdp_paths::kPolicyJson).parent_path());
+  std::ofstream(sdp_paths::kResourceJson) << "not json";
+  std::ofstream(sdp_paths::kPolicyJson) << "";
+  capture.clear();
   EXPECT_FALSE(PolicyAnalyzer::getIns().ReadResource(resources));
-  sandboxPolicyinfo info{"old", {}};
   EXPECT_FALSE(PolicyAnalyzer::getIns().GetSandboxPolicyInfo("7", info));
   EXPECT_EQ("", info.policyName);
-  EXPECT_TRUE(capture.has("GatewayConfig not find!!", google::GLOG_INFO));
-  EXPECT_TRUE(capture.has("not find param [policy]", google::GLOG_WARNING));
+  EXPECT_EQ((std::vector<std::string>{"GatewayConfig not find!!", "get boxid info : 7",
+                                      "not find param [policy]"}),
+            capture.texts());
 }
 
 }  // namespace
