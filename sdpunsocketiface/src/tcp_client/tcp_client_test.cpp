@@ -69,24 +69,37 @@ class Channel : public ::testing::Test {
   std::unique_ptr<sdpmsg_t> msg_ = std::make_unique<sdpmsg_t>();
 };
 
-TEST_F(Channel, SendWritesExactFramesAndCutsBodiesPastTheLimit) {
+TEST_F(Channel, FramesGoOutByteExactCutAtTheLimitAndComeInZeroFilled) {
   Connect();
   logs_.clear();
-  const std::string src = Body(MAX_MSGLEN, 0);  // 64503 bytes: a longer len reads no further
+  const std::string src = Body(MAX_MSGLEN, 0);  // 64503 bytes: a cut body reads no further
+  const std::string warn = " over max msglen:64503 cut message m_cmd:1 s_cmd:4369";
   EXPECT_EQ(client_.SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, "abc", 3), 11);
   EXPECT_EQ(client_.SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HTTPS_QUERY, "", 0), 8);
   EXPECT_EQ(client_.SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, src.data(), 64503), 64511);
   EXPECT_EQ(logs_.texts(), Texts{});
-  EXPECT_EQ(client_.SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, src.data(), 64504), 64511);
-  EXPECT_EQ(logs_.texts(),
-            Texts{"warning msglen:64504 over max msglen:64503 cut message m_cmd:1 s_cmd:4369"});
+  for (int len : {64504, -1})
+    EXPECT_EQ(client_.SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, src.data(), len), 64511);
+  EXPECT_EQ(logs_.texts(), (Texts{"warning msglen:64504" + warn, "warning msglen:-1" + warn}));
   EXPECT_EQ(client_.SendMessage(MCMD_TO_DAEMON, SDP_PROTO_REGISTER, "x", 1), 9);  // still in step
-  const auto f = peer_.WaitFrames(5, 2s);
-  ASSERT_EQ(f.size(), 5u);
+  const auto f = peer_.WaitFrames(6, 2s);
+  ASSERT_EQ(f.size(), 6u);
   ASSERT_EQ(htons(1), 256) << "the byte images are little-endian";
   EXPECT_EQ(f[0].Bytes(), std::string("\x00\x00\x01\x00\x11\x11\x03\x00", 8) + "abc");
   EXPECT_EQ(f[1].Bytes(), std::string("\x00\x00\x01\x00\x13\x11\x00\x00", 8));
-  EXPECT_EQ(f[2].body + f[3].body + f[4].body, src + src + "x");
+  EXPECT_EQ(f[2].body + f[3].body + f[4].body + f[5].body, src + src + src + "x");
+
+  // And back: every receive zero-fills the whole record first.
+  const std::string big(MAX_MSGLEN, 'z');
+  ASSERT_TRUE(peer_.SendFrame(MCMD_FROM_DAEMON, SANDBOX_TO_LOCAL, big));
+  ASSERT_TRUE(peer_.SendFrame(MCMD_FROM_DAEMON, SDP_PROTO_HEARTBEAT, ""));
+  memset(msg_.get(), 0x5A, sizeof *msg_);
+  ASSERT_EQ(client_.RecvMessage(msg_.get()), MAX_MSGLEN);
+  EXPECT_EQ(std::string(msg_->data, sizeof msg_->data), big + '\0');
+  ASSERT_EQ(client_.RecvMessage(msg_.get()), 0);
+  EXPECT_EQ(msg_->m_cmd, MCMD_FROM_DAEMON);
+  EXPECT_EQ(msg_->s_cmd, SDP_PROTO_HEARTBEAT);
+  EXPECT_EQ(std::string(msg_->data, sizeof msg_->data), std::string(sizeof msg_->data, '\0'));
 }
 
 TEST_F(Channel, InitWithoutListenerFailsAndLeavesAQuietDeadChannel) {
@@ -116,21 +129,6 @@ TEST_F(Channel, SendToVanishedPeerFailsWithEpipeAndNoSigpipe) {
   EXPECT_TRUE(client_.IsAvaliable()) << "only the receiver closes";
   EXPECT_EQ(g_sigpipes.load(), 0);
   signal(SIGPIPE, old);
-}
-
-TEST_F(Channel, ReceiveZeroFillsTheRecordBeforeEveryFrame) {
-  Connect();
-  const std::string big(MAX_MSGLEN, 'z');
-  ASSERT_TRUE(peer_.SendFrame(MCMD_FROM_DAEMON, SANDBOX_TO_LOCAL, big));
-  ASSERT_TRUE(peer_.SendFrame(MCMD_FROM_DAEMON, SDP_PROTO_HEARTBEAT, ""));
-  memset(msg_.get(), 0x5A, sizeof *msg_);
-  ASSERT_EQ(client_.RecvMessage(msg_.get()), MAX_MSGLEN);
-  EXPECT_EQ(std::string(msg_->data, sizeof msg_->data), big + '\0');
-  ASSERT_EQ(client_.RecvMessage(msg_.get()), 0);
-  EXPECT_EQ(msg_->m_cmd, MCMD_FROM_DAEMON);
-  EXPECT_EQ(msg_->s_cmd, SDP_PROTO_HEARTBEAT);
-  EXPECT_EQ(std::string(msg_->data, sizeof msg_->data), std::string(sizeof msg_->data, '\0'));
-  EXPECT_TRUE(client_.IsAvaliable());
 }
 
 TEST_F(Channel, BrokenStreamFailsTheReceiveAndCloses) {
@@ -189,9 +187,7 @@ TEST_F(Channel, ConcurrentSendersAndReceiverKeepEveryFrameWhole) {
   if (!PollUntil([&] { return received == kFrames; }, 10s)) peer_.CloseConnection();  // unblocks
   for (auto& t : threads) t.join();
 
-  EXPECT_EQ(received.load(), kFrames);
-  EXPECT_EQ(bad.load(), 0);
-  EXPECT_EQ(send_failures.load(), 0);
+  EXPECT_EQ((std::vector<int>{received, bad, send_failures}), (std::vector<int>{kFrames, 0, 0}));
   ASSERT_EQ(frames.size(), 2u * kFrames);
   for (unsigned short tag : kTags) {
     int i = 0;
@@ -200,26 +196,15 @@ TEST_F(Channel, ConcurrentSendersAndReceiverKeepEveryFrameWhole) {
   }
 }
 
-TEST_F(Channel, UnknownClientTypeIsRefusedKeepingDescriptorAndSharedHandler) {
-  static int deleted = 0;
-  struct CountingDeal : MessageDeal {
-    ~CountingDeal() override { ++deleted; }
-  };
-  {
-    TCP_Client client;
-    Option o = UnixOption(peer_.Path());
-    ASSERT_GT(client.Init(o), 0);
-    logs_.clear();
-    o.clientType = 2;
-    o.handler = std::make_shared<CountingDeal>();
-    EXPECT_EQ(client.Init(o), -1);
-    o.handler.reset();
-    EXPECT_EQ(logs_.texts(), (Texts{"unkonw client type:2", "Init Socket ret:-1", "Init failed"}));
-    EXPECT_EQ(client.SendMessage(1, SDP_PROTO_HEARTBEAT, "still", 5), 13);
-    EXPECT_TRUE(peer_.WaitFrame(SDP_PROTO_HEARTBEAT, 2s).has_value());
-    EXPECT_EQ(deleted, 0) << "the channel's copy still holds it";
-  }
-  EXPECT_EQ(deleted, 1);
+TEST_F(Channel, UnknownClientTypeIsRefusedAndKeepsTheDescriptor) {
+  Option o = UnixOption(peer_.Path());
+  Connect();
+  logs_.clear();
+  o.clientType = 2;
+  EXPECT_EQ(client_.Init(o), -1);
+  EXPECT_EQ(logs_.texts(), (Texts{"unkonw client type:2", "Init Socket ret:-1", "Init failed"}));
+  EXPECT_EQ(client_.SendMessage(1, SDP_PROTO_HEARTBEAT, "still", 5), 13);
+  EXPECT_TRUE(peer_.WaitFrame(SDP_PROTO_HEARTBEAT, 2s).has_value());
 }
 
 TEST_F(Channel, PathIsCutTo107CharactersAndASecondInitKeepsTheEarlierTail) {
@@ -267,27 +252,18 @@ TEST(ChannelTcp, ConnectsWithKeepAliveAndRecordsTheLocalAddress) {
   ASSERT_EQ(bind(l, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
   ASSERT_EQ(listen(l, 4), 0);
   ASSERT_EQ(getsockname(l, reinterpret_cast<sockaddr*>(&sa), &slen), 0);
-  const int port = ntohs(sa.sin_port);
+  const int listen_port = ntohs(sa.sin_port);
   TCP_Client client;
-  const int fd = client.InitConn(2, 1, "127.0.0.1", port, 0);
+  const int fd = client.InitConn(2, 1, "127.0.0.1", listen_port, 0);
   ASSERT_GT(fd, 0);
   int keepalive = 0;
   socklen_t klen = sizeof keepalive;
   getsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &keepalive, &klen);
   EXPECT_EQ(keepalive, 1);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &slen);
-  char addr[128];
-  int local_port = 0;
-  client.GetClientSockName(addr, sizeof addr, &local_port);
-  EXPECT_STREQ(addr, "127.0.0.1");
-  EXPECT_EQ(local_port, ntohs(sa.sin_port));
-  EXPECT_TRUE(logs.has("client address:127.0.0.1 clientport_:" + std::to_string(local_port)));
-
+  EXPECT_EQ(logs.count_prefix("client address:127.0.0.1 clientport_:"), 1);
   client.CloseConn();
-  client.GetClientSockName(addr, sizeof addr, &local_port);
-  EXPECT_TRUE(logs.has("GetClientSockName params error", google::GLOG_ERROR));
   close(l);
-  EXPECT_EQ(client.InitConn(2, 1, "127.0.0.1", port, 0), -1);
+  EXPECT_EQ(client.InitConn(2, 1, "127.0.0.1", listen_port, 0), -1);
   EXPECT_TRUE(
       logs.has(std::string("anetTcpConnect failed:creating socket: ") + strerror(ECONNREFUSED)));
 }
