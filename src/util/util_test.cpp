@@ -130,7 +130,6 @@ TEST(SystemOutput, ReportsPipeAndWaitFailures) {
   EXPECT_EQ(wait.logs, Lines{"Failed to waitpid."});
 }
 
-// copyFile reports on the standard streams.
 class CopyFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -139,73 +138,50 @@ class CopyFileTest : public ::testing::Test {
     ASSERT_NE(mkdtemp(dir_.data()), nullptr) << dir_;
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }
-  bool Copy(const std::string& from, const std::string& to) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const bool ok = util::copyFile(from, to);
-    stderr_ = testing::internal::GetCapturedStderr();
-    stdout_ = testing::internal::GetCapturedStdout();
-    return ok;
-  }
-  static void Put(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-  }
-  static std::string Get(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  static unsigned Mode(const std::string& path) {
-    return static_cast<unsigned>(std::filesystem::status(path).permissions());
-  }
-
-  std::string dir_, stdout_, stderr_;
+  std::string dir_;
 };
 
-TEST_F(CopyFileTest, TruncatesTheDestinationAndMakesItExecutable) {
+TEST_F(CopyFileTest, CopiesTruncatingAndMakingExecutableOrReportsOnStandardStreams) {
+  const auto mode = [](const std::string& p) { return std::filesystem::status(p).permissions(); };
   std::string binary;
   for (int i = 0; i < 20000; ++i) binary += static_cast<char>(i * 7);  // NULs, several buffers
-  const std::string src = dir_ + "/src", dst = dir_ + "/dst";
-  for (const std::string& content : {binary, std::string()}) {
-    SCOPED_TRACE(content.size());
-    Put(src, content);
-    Put(dst, std::string(50000, 'o'));
-    EXPECT_TRUE(Copy(src, dst));
-    EXPECT_TRUE(Get(dst) == content);
-    EXPECT_EQ(Mode(dst), 0755u);
-    EXPECT_EQ(stdout_, "File copy successful.\n");
-    EXPECT_EQ(stderr_, "");
-  }
-  // Onto itself: opening the destination must not empty the source.
-  Put(src, "keep");
-  EXPECT_TRUE(Copy(src, dir_ + "/./src"));
-  EXPECT_EQ(Get(src), "keep");
-}
-
-TEST_F(CopyFileTest, FailuresAreReportedOnStandardError) {
-  const std::string src = dir_ + "/src", sock = dir_ + "/sock", absent = dir_ + "/absent";
-  Put(src, "x");
+  const std::string src = dir_ + "/src", dst = dir_ + "/dst", sock = dir_ + "/sock",
+                    absent = dir_ + "/absent";
   // A socket exists but cannot be opened, not even by root.
   const int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr{AF_UNIX, {}};
   std::strncpy(addr.sun_path, sock.c_str(), sizeof addr.sun_path - 1);
   ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   const struct {
-    std::string from, to, err;
+    std::string content, from, to;
+    bool ok;
+    std::string err;
   } cases[] = {
-      {absent, dir_ + "/d1", ""},  // a missing source fails silently
-      {sock, dir_ + "/d2", "Failed to open source file: " + sock + "\n"},
-      {src, absent + "/d3", "Failed to open destination file: " + absent + "/d3\n"},
-      {src, dir_, "Failed to open destination file: " + dir_ + "\n"},
+      {binary, src, dst, true, ""},
+      {"", src, dst, true, ""},
+      {"keep", src, dir_ + "/./src", true, ""},  // onto itself: the source must not be emptied
+      {"x", absent, dir_ + "/d1", false, ""},    // a missing source fails silently
+      {"x", sock, dir_ + "/d2", false, "Failed to open source file: " + sock + "\n"},
+      {"x", src, absent + "/d3", false, "Failed to open destination file: " + absent + "/d3\n"},
+      {"x", src, dir_, false, "Failed to open destination file: " + dir_ + "\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.from + " -> " + c.to);
-    EXPECT_FALSE(Copy(c.from, c.to));
-    EXPECT_EQ(stderr_, c.err);
-    EXPECT_EQ(stdout_, "");
+    std::ofstream(src, std::ios::binary) << c.content;
+    std::ofstream(dst, std::ios::binary) << std::string(50000, 'o');
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(util::copyFile(c.from, c.to), c.ok);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.ok ? "File copy successful.\n" : "");
+    if (!c.ok) continue;
+    std::ifstream in(c.to, std::ios::binary);
+    EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(in), {}) == c.content);
+    EXPECT_EQ(mode(c.to), std::filesystem::perms(0755));
   }
   close(s);
   EXPECT_FALSE(std::filesystem::exists(dir_ + "/d1") || std::filesystem::exists(dir_ + "/d2"));
-  EXPECT_EQ(Mode(dir_), 0700u) << "a failed copy must not chmod";
+  EXPECT_EQ(mode(dir_), std::filesystem::perms(0700)) << "a failed copy must not chmod";
 }
 
 }  // namespace
