@@ -155,7 +155,22 @@ TEST_F(LauncherPlacement, ResourcesWithAddressAndBrowserGetBothFilesRecordedEach
                                      Resource("Mail 2", "mail01")};
   EXPECT_TRUE(peer.m.produceDesktopFile(resources));
   // The second resource of the same source overwrites the first's files.
-  const auto text = iconmanager::DesktopEntryText(iconmanager::ResourceLauncher(resources[2]));
+  const std::string text =
+      "[Desktop Entry]\n"
+      "Categories=Network;WebBrowser\n"
+      "MimeType=text/html;text/xml;application/xhtml_xml;image/webp;x-scheme-handler/http;"
+      "x-scheme-handler/https;x-scheme-handler/ftp;\n"
+      "Encoding=UTF-8\n"
+      "Exec=/opt/apps/morvasta/dravinAum.sh mail01\n"
+      "Icon=/tmp/.sdp_cfs/mail01.png\n"
+      "Name=Mail 2\n"
+      "Terminal=false\n"
+      "Type=Application\n"
+      "X-Deepin-Vendor=user-custom\n"
+      "StartupNotify=true\n"
+      "Actions=new-window;\n"
+      "X-Deepin-CreatedBy=com.deepin.dde.daemon.Launcher\n"
+      "X-Deepin-AppID=mail01\n";
   EXPECT_EQ(text, ReadFile(kDesk + "mail01.desktop"));
   EXPECT_EQ(text, ReadFile(kApps + "mail01.desktop"));
   EXPECT_EQ(0755u, Mode(kApps + "mail01.desktop"));
@@ -210,9 +225,6 @@ TEST_F(LauncherPlacement, WhitelistPlacesFoundAndClientEntriesButNothingElse) {
   EXPECT_EQ((Lines{kDesk + "client.desktop", kApps + "client.desktop",
                    kDesk + "saipra.desktop.desktop", kDesk + "shared.desktop"}),
             Record());
-  EXPECT_TRUE(capture.has("icon path is: /usr/share/applications//missing.desktop"));
-  EXPECT_TRUE(capture.has("new app size: 5"));
-  EXPECT_TRUE(capture.has("don't add dravin browser!"));
   EXPECT_TRUE(capture.has("chmod 755:" + kDesk + "client.desktop, response:"));
   EXPECT_EQ(0, capture.count_prefix("chmod 755:" + kDesk + "saipra"));
 }
