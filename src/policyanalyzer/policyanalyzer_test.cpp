@@ -8,15 +8,12 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <tuple>
 
 #include "log_capture.h"
 
 namespace {
 
-using Log = std::pair<int, std::string>;  // severity, text
 using Lines = std::vector<std::string>;
-constexpr int I = google::GLOG_INFO, W = google::GLOG_WARNING, E = google::GLOG_ERROR;
 
 // Parses `text` with ' standing for " (null when it is no JSON).
 std::shared_ptr<json_object> Parse(std::string text) {
@@ -25,10 +22,12 @@ std::shared_ptr<json_object> Parse(std::string text) {
                                       [](json_object* o) { json_object_put(o); });
 }
 
-std::vector<Log> ReaderLogs(const testsupport::LogCapture& capture) {
-  std::vector<Log> out;
+// The readers' log records as "<I|W|E> text", joined by "|".
+std::string ReaderLogs(const testsupport::LogCapture& capture) {
+  std::string out;
   for (const auto& r : capture.records())
-    if (r.file == "policyanalyzer.cpp") out.emplace_back(r.severity, r.text);
+    if (r.file == "policyanalyzer.cpp")
+      out += (out.empty() ? "" : "|") + std::string(1, "IWE"[r.severity]) + " " + r.text;
   return out;
 }
 
@@ -36,39 +35,36 @@ std::vector<Log> ReaderLogs(const testsupport::LogCapture& capture) {
 #define ITEM(flag, name, source) \
   "{'isCreateIconInSandbox': " flag ", 'AppName': " name ", 'source': " source "}"
 TEST(ResourceList, AppendsUsableResourcesAndLogsEachSkip) {
-  const char kNotFound[] = "GatewayConfig not find!!";
   const struct {
     const char* json;
     bool result;
-    std::vector<std::pair<std::string, std::string>> records;  // name, exec
-    std::vector<Log> logs;
+    std::string records;  // name=source;...
+    std::string logs;
   } cases[] = {
-      {"{'GatewayConfig': [", false, {}, {{I, kNotFound}}},
-      {"{'gatewayconfig': []}", false, {}, {{I, kNotFound}}},
+      {"{'GatewayConfig': [", false, "", "I GatewayConfig not find!!"},
+      {"{'gatewayconfig': []}", false, "", "I GatewayConfig not find!!"},
       // A JSON null under a key that is not read as text is there, and is no array.
-      {"{'GatewayConfig': null}", false, {}, {{E, "get array failed!!"}}},
-      {"{'GatewayConfig': []}", false, {}, {{E, "array is null!!"}}},
+      {"{'GatewayConfig': null}", false, "", "E get array failed!!"},
+      {"{'GatewayConfig': []}", false, "", "E array is null!!"},
+      // A null flag reads as 0: skipped without a word.
       {"{'GatewayConfig': [" ITEM("0", "'z'", "'z'") "," ITEM("2", "'t'", "'t'") ","
        ITEM("'1'", "'A'", "'a'") ", {'AppName': 'm', 'source': 'm'}," ITEM("null", "'n'", "'n'")
-       ", 1]}",
-       true, {{"A", "a"}},  // a null flag reads as 0: skipped without a word
-       {{E, "appname:A source: a"}, {E, "isCreateIconInSandbox not exist3"},
-        {E, "isCreateIconInSandbox not exist5"}}},
+       ", 1]}", true, "A=a;",
+       "E appname:A source: a|E isCreateIconInSandbox not exist3|"
+       "E isCreateIconInSandbox not exist5"},
       {"{'GatewayConfig': [" ITEM("1", "'A'", "'a'") ", {'isCreateIconInSandbox': 1, 'AppName': 'B'},"
        ITEM("1", "'C'", "'c'") "," ITEM("1", "null", "'d'") "," ITEM("1", "'E'", "null") ","
-       ITEM("1", "''", "'s'") "," ITEM("1", "42", "'s'") "]}",
-       true, {{"A", "a"}, {"C", "c"}, {"", "s"}, {"42", "s"}},
-       {{E, "appname:A source: a"}, {E, "source not exist1"}, {E, "appname:C source: c"},
-        {E, "AppName not exist3"}, {E, "source not exist4"}, {E, "appname: source: s"},
-        {E, "appname:42 source: s"}}},
+       ITEM("1", "''", "'s'") "," ITEM("1", "42", "'s'") "]}", true, "A=a;C=c;=s;42=s;",
+       "E appname:A source: a|E source not exist1|E appname:C source: c|E AppName not exist3|"
+       "E source not exist4|E appname: source: s|E appname:42 source: s"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.json);
     std::vector<SAppDesktop> out(1);
     testsupport::LogCapture capture;
     EXPECT_EQ(c.result, policyanalyzer::ReadResourceTree(Parse(c.json).get(), out));
-    std::vector<std::pair<std::string, std::string>> records;
-    for (size_t i = 1; i < out.size(); ++i) records.emplace_back(out[i].name, out[i].exec);
+    std::string records;
+    for (size_t i = 1; i < out.size(); ++i) records += out[i].name + "=" + out[i].exec + ";";
     EXPECT_EQ(c.records, records);
     EXPECT_EQ(c.logs, ReaderLogs(capture));
   }
@@ -80,39 +76,35 @@ TEST(ResourceList, AppendsUsableResourcesAndLogsEachSkip) {
 #define LIST(...) "{'policy': {'PolicySandBox': [" __VA_ARGS__ "]}}"
 #define APP(value, id, name, type) \
   "{'value': " value ", 'id': " id ", 'name': " name ", 'type': " type "}"
+#define NO(key) "W not find param [" key "] in array"
 TEST(SandboxPolicy, AppendsItemsOfEveryMatchingPolicyAndTakesTheLastName) {
-  using App = std::tuple<std::string, std::string, int, std::string>;  // id, appName, type, value
-  const Log kNoValue{W, "not find param [value] in array"};
-  const Log kNoSandBox{W, "not find param [sandBox] in array"};
-  const Log kNoPolicyId{W, "not find param [policyid] in array"};
   const struct {
     const char* json;
     bool result;
     std::string policyName;
-    std::vector<App> apps;
-    std::vector<Log> logs;
+    std::string apps;  // id,name,type,value;... after the one already there
+    std::string logs;
   } cases[] = {
-      {"{", false, "before", {}, {{W, "not find param [policy]"}}},
+      {"{", false, "before", "", "W not find param [policy]"},
       // Null containers are there but hold nothing.
-      {"{'policy': null}", false, "before", {}, {{W, "not find param [PolicySandBox]"}}},
-      {"{'policy': {'PolicySandBox': null}}", false, "before", {}, {{W, "no array"}}},
-      {LIST(), false, "before", {}, {{W, "no array"}}},
-      {LIST(POLICY("'p7'", "'7'", "[" APP("'v'", "'1'", "'a'", "1") "]") ","
-            POLICY("'p8'", "'8'", "[" APP("'w'", "'2'", "'b'", "1") "]")),
-       true, "p8", {{"1", "a", 1, "v"}}, {{I, "boxid : 7"}, {I, "boxid : 8"}}},
+      {"{'policy': null}", false, "before", "", "W not find param [PolicySandBox]"},
+      {"{'policy': {'PolicySandBox': null}}", false, "before", "", "W no array"},
+      {LIST(), false, "before", "", "W no array"},
+      // Every policy with the id, compared as text; the name is the last one's.
       {LIST(POLICY("'x'", "7", "[" APP("'v1'", "2", "'n1'", "'3'") "]") ","
             POLICY("'y'", "'07'", "[" APP("'no'", "'9'", "'no'", "1") "]") ","
-            POLICY("'z'", "'7'", "[" APP("'v3'", "'3'", "'n3'", "0") "]")),
-       true, "z", {{"2", "n1", 3, "v1"}, {"3", "n3", 0, "v3"}},
-       {{I, "boxid : 7"}, {I, "boxid : 07"}, {I, "boxid : 7"}}},
+            POLICY("'z'", "'7'", "[" APP("'v3'", "'3'", "'n3'", "0") "]") ","
+            POLICY("'w'", "'8'", "[" APP("'no'", "'2'", "'b'", "1") "]")),
+       true, "w", "2,n1,3,v1;3,n3,0,v3;",
+       "I boxid : 7|I boxid : 07|I boxid : 7|I boxid : 8"},
       // Item checks run in value, id, name, type order; a null type is type 0.
       {LIST(POLICY("'p'", "'7'", "[{'name': 'n', 'type': 1}, {'value': '', 'id': '1'},"
             "{'value': null}, {'value': 'v', 'id': null}, {'value': 'v', 'id': '1', 'name': ''},"
             "{'value': 'v', 'id': '1', 'name': 'n'}," APP("'nt'", "'1'", "'n'", "null") ", null,"
             APP("'ok'", "'1'", "'n'", "1") "]")),
-       true, "p", {{"1", "n", 0, "nt"}, {"1", "n", 1, "ok"}},
-       {{I, "boxid : 7"}, kNoValue, kNoValue, kNoValue, {W, "not find param [id] in array"},
-        {W, "not find param [name] in array"}, {W, "not find param [type] in array"}, kNoValue}},
+       true, "p", "1,n,0,nt;1,n,1,ok;",
+       "I boxid : 7|" NO("value") "|" NO("value") "|" NO("value") "|" NO("id") "|" NO("name")
+       "|" NO("type") "|" NO("value")},
       // A null "sandBox" is there: its policy is named and compared, and then
       // has nothing to allow.
       {LIST("{'policyname': 'a', 'policyid': '7'},"
@@ -120,9 +112,9 @@ TEST(SandboxPolicy, AppendsItemsOfEveryMatchingPolicyAndTakesTheLastName) {
             "{'sandBox': {}, 'policyname': null}, {'sandBox': {}, 'policyname': 'c'},"
             "{'sandBox': {}, 'policyname': 'd', 'policyid': null}, null,"
             "{'policyname': 'e', 'policyid': '7', 'sandBox': {'boxAllowProcess': {}}}"),
-       true, "e", {},
-       {kNoSandBox, {I, "boxid : 7"}, {W, "not find param [policyname] in array"}, kNoPolicyId,
-        kNoPolicyId, kNoSandBox, {I, "boxid : 7"}}},
+       true, "e", "",
+       NO("sandBox") "|I boxid : 7|" NO("policyname") "|" NO("policyid") "|" NO("policyid") "|"
+       NO("sandBox") "|I boxid : 7"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.json);
@@ -130,14 +122,14 @@ TEST(SandboxPolicy, AppendsItemsOfEveryMatchingPolicyAndTakesTheLastName) {
     testsupport::LogCapture capture;
     EXPECT_EQ(c.result, policyanalyzer::ReadPolicyTree(Parse(c.json).get(), "7", info));
     EXPECT_EQ(c.policyName, info.policyName);
-    std::vector<App> apps;
-    for (const auto& a : info.allowProcess) apps.emplace_back(a.id, a.appName, a.type, a.value);
-    std::vector<App> want{{"i0", "n0", 5, "v0"}};  // appended to, never cleared
-    want.insert(want.end(), c.apps.begin(), c.apps.end());
-    EXPECT_EQ(want, apps);
+    std::string apps;
+    for (const auto& a : info.allowProcess)
+      apps += a.id + "," + a.appName + "," + std::to_string(a.type) + "," + a.value + ";";
+    EXPECT_EQ("i0,n0,5,v0;" + c.apps, apps);  // appended to, never cleared
     EXPECT_EQ(c.logs, ReaderLogs(capture));
   }
 }
+#undef NO
 #undef APP
 #undef POLICY
 #undef LIST
@@ -202,7 +194,7 @@ TEST(WhitelistLines, ReadErrorEndsTheLoopKeepingWhatWasRead) {
   testsupport::LogCapture capture;
   policyanalyzer::ReadWhitelistStream(in.get(), info);
   EXPECT_EQ((Lines{"a", "b"}), Values(info));
-  EXPECT_TRUE(capture.has("_readWListClient insert:b", I));
+  EXPECT_TRUE(capture.has("_readWListClient insert:b", google::GLOG_INFO));
 }
 
 }  // namespace
