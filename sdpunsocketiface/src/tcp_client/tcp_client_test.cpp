@@ -51,7 +51,7 @@ class Channel : public ::testing::Test {
     ASSERT_TRUE(peer_.Listen(dir_ + "/d.sock"));
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }
-  // Connects the client (again) and waits until the peer has accepted it.
+  // Connects the client (again), waits until the peer has accepted it, forgets the logs.
   int Connect(int reconnect = 0) {
     const uint64_t before = peer_.AcceptedCount();
     Option o = UnixOption(peer_.Path(), reconnect);
@@ -59,6 +59,7 @@ class Channel : public ::testing::Test {
     EXPECT_GT(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_TRUE(peer_.WaitAccepted(before + 1, 2s));
+    logs_.clear();
     return fd;
   }
 
@@ -71,7 +72,6 @@ class Channel : public ::testing::Test {
 
 TEST_F(Channel, FramesGoOutByteExactCutAtTheLimitAndComeInZeroFilled) {
   Connect();
-  logs_.clear();
   const std::string src = Body(MAX_MSGLEN, 0);  // 64503 bytes: a cut body reads no further
   const std::string warn = " over max msglen:64503 cut message m_cmd:1 s_cmd:4369";
   EXPECT_EQ(client_.SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, "abc", 3), 11);
@@ -146,7 +146,6 @@ TEST_F(Channel, BrokenStreamFailsTheReceiveAndCloses) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.error);
     const int fd = Connect();
-    logs_.clear();
     ASSERT_TRUE(peer_.SendRaw(sdppeer::EncodeFrame(2, SANDBOX_S2B_OPENBSAPP, "ls") + c.tail));
     if (c.peer_closes) peer_.CloseConnection();
     ASSERT_EQ(client_.RecvMessage(msg_.get()), 2);
