@@ -33,7 +33,8 @@ const std::string kZh = "/home/alice/桌面/";
 const std::string kApps = "/usr/share/applications/";
 const std::string kClient = std::string(sdp_paths::kClientApplicationsDir) + "/";
 const std::string kUserinfo =
-    "[UserInfo]\nSysUserName=alice\n[Aum]\nmail01=https://mail\n[CustomJumpPolicy]\nJumpBrowser=vrek\n";
+    "[UserInfo]\nSysUserName=alice\n[Aum]\nmail01=https://"
+    "mail\n[CustomJumpPolicy]\nJumpBrowser=vrek\n";
 
 void WriteFile(const std::string& path, const std::string& text) {
   fs::create_directories(fs::path(path).parent_path());
@@ -49,8 +50,7 @@ std::string ReadFile(const std::string& path) {
 }
 
 unsigned Mode(const std::string& path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+  return static_cast<unsigned>(fs::status(path).permissions());
 }
 
 Lines Record() {
@@ -60,15 +60,14 @@ Lines Record() {
   return lines;
 }
 
-bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
 TEST(LauncherFiles, EntriesAndScriptsReplaceTheFileWithMode0755) {
   IconManagerTestPeer peer;
   SAppDesktop desk{"c", "m", "e", "x", "i", "n", "s", "t", "ty", "v", "sn", "a", "cb", "id"};
   WriteFile("/tmp/a.desktop", std::string(500, 'z'));
   chmod("/tmp/a.desktop", 0600);
   EXPECT_TRUE(peer.m.writeDesktopFile("/tmp/a.desktop", desk));
-  EXPECT_EQ("[Desktop Entry]\nc\nm\ne\nx\ni\nn\nt\nty\nv\nsn\na\ncb\nid\n", ReadFile("/tmp/a.desktop"));
+  EXPECT_EQ("[Desktop Entry]\nc\nm\ne\nx\ni\nn\nt\nty\nv\nsn\na\ncb\nid\n",
+            ReadFile("/tmp/a.desktop"));
   EXPECT_EQ(0755u, Mode("/tmp/a.desktop"));
   EXPECT_TRUE(peer.m.writeExecShell("/tmp/run.sh", ""));
   EXPECT_EQ("#!/bin/sh\n\n", ReadFile("/tmp/run.sh"));
@@ -82,12 +81,11 @@ TEST(LauncherFiles, EntriesAndScriptsReplaceTheFileWithMode0755) {
 
 TEST(RecordFile, SavesAndAppendsOnlyOnceNamed) {
   IconManagerTestPeer peer;
-  fs::create_directories(sdp_paths::kInstallDir);
   peer.AppNames() = {"x"};
   peer.m.saveAppNameToFile();  // no record file named yet: nothing happens
-  EXPECT_FALSE(Exists(sdp_paths::kRecordOldAppNames));
+  EXPECT_FALSE(fs::exists(sdp_paths::kRecordOldAppNames));
 
-  peer.RecordFile() = sdp_paths::kRecordOldAppNames;
+  peer.RecordFile() = sdp_paths::kRecordOldAppNames;  // as start-up names it
   WriteFile(sdp_paths::kRecordOldAppNames, "a\n\nb");
   peer.m.loadAppNameFromFile();
   peer.m.loadAppNameFromFile();
@@ -119,7 +117,7 @@ TEST(ClearDesktop, RemovesRecordedFilesAndEmptiesTheRecord) {
   IconManagerTestPeer peer;
   testsupport::LogCapture capture;
   peer.ClearDesktop();
-  EXPECT_FALSE(Exists(kDesk + "x.desktop") || Exists(kApps + "x.desktop"));
+  EXPECT_FALSE(fs::exists(kDesk + "x.desktop") || fs::exists(kApps + "x.desktop"));
   EXPECT_EQ((Lines{"rm file:" + kDesk + "x.desktop",
                    "rm file failed !:/tmp/full error: Directory not empty",
                    "rm file:" + kApps + "x.desktop"}),
@@ -174,7 +172,7 @@ TEST_F(LauncherPlacement, ResourcesWithAddressAndBrowserGetBothFilesRecordedEach
   EXPECT_EQ(text, ReadFile(kDesk + "mail01.desktop"));
   EXPECT_EQ(text, ReadFile(kApps + "mail01.desktop"));
   EXPECT_EQ(0755u, Mode(kApps + "mail01.desktop"));
-  EXPECT_FALSE(Exists(kDesk + "wiki01.desktop"));  // it has no "Aum" address
+  EXPECT_FALSE(fs::exists(kDesk + "wiki01.desktop"));  // it has no "Aum" address
   const Lines twice{kDesk + "mail01.desktop", kApps + "mail01.desktop", kDesk + "mail01.desktop",
                     kApps + "mail01.desktop"};
   EXPECT_EQ(twice, Record());
@@ -196,9 +194,11 @@ TEST_F(LauncherPlacement, FilesThatCouldNotBeWrittenStayRecordedAndAreNotCopied)
   EXPECT_TRUE(
       capture.has("copy fail, app path: /usr/share/applications//foo.desktop", google::GLOG_ERROR));
   EXPECT_TRUE(capture.has("opendir error", google::GLOG_ERROR));
-  EXPECT_TRUE(capture.has("desktop produce failed ! " + kZh + "mail01.desktop", google::GLOG_WARNING));
-  EXPECT_EQ((Lines{kZh + "foo.desktop", kZh + "mail01.desktop", kApps + "mail01.desktop"}), Record());
-  EXPECT_FALSE(Exists(kApps + "mail01.desktop"));
+  EXPECT_TRUE(
+      capture.has("desktop produce failed ! " + kZh + "mail01.desktop", google::GLOG_WARNING));
+  EXPECT_EQ((Lines{kZh + "foo.desktop", kZh + "mail01.desktop", kApps + "mail01.desktop"}),
+            Record());
+  EXPECT_FALSE(fs::exists(kApps + "mail01.desktop"));
 }
 
 TEST_F(LauncherPlacement, WhitelistPlacesFoundAndClientEntriesButNothingElse) {
@@ -220,8 +220,8 @@ TEST_F(LauncherPlacement, WhitelistPlacesFoundAndClientEntriesButNothingElse) {
   EXPECT_EQ("client client.desktop", ReadFile(kApps + "client.desktop"));
   for (const char* absent : {"saipra.desktop", "deepin-draw.desktop", "bar.desktop",
                              "com.vrek.browser.desktop", ".desktop", "notes.txt", "folder.desktop"})
-    EXPECT_FALSE(Exists(kDesk + absent)) << absent;
-  EXPECT_FALSE(Exists(kApps + "com.vrek.browser.desktop"));
+    EXPECT_FALSE(fs::exists(kDesk + absent)) << absent;
+  EXPECT_FALSE(fs::exists(kApps + "com.vrek.browser.desktop"));
   EXPECT_EQ((Lines{kDesk + "client.desktop", kApps + "client.desktop",
                    kDesk + "saipra.desktop.desktop", kDesk + "shared.desktop"}),
             Record());

@@ -52,7 +52,8 @@ TEST(ResourceList, AppendsUsableResourcesAndLogsEachSkip) {
        ", 1]}", true, "A=a;",
        "E appname:A source: a|E isCreateIconInSandbox not exist3|"
        "E isCreateIconInSandbox not exist5"},
-      {"{'GatewayConfig': [" ITEM("1", "'A'", "'a'") ", {'isCreateIconInSandbox': 1, 'AppName': 'B'},"
+      {"{'GatewayConfig': [" ITEM("1", "'A'", "'a'")
+       ", {'isCreateIconInSandbox': 1, 'AppName': 'B'},"
        ITEM("1", "'C'", "'c'") "," ITEM("1", "null", "'d'") "," ITEM("1", "'E'", "null") ","
        ITEM("1", "''", "'s'") "," ITEM("1", "42", "'s'") "]}", true, "A=a;C=c;=s;42=s;",
        "E appname:A source: a|E source not exist1|E appname:C source: c|E AppName not exist3|"

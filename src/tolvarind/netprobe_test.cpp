@@ -14,8 +14,8 @@ namespace {
 // A route table in the scratch directory; `body` follows the column titles.
 std::string RouteFile(const std::string& body) {
   const char* tmp = std::getenv("TMPDIR");
-  const std::string path =
-      std::string(tmp && *tmp ? tmp : TOLVARIND_TEST_SCRATCH) + "/route." + std::to_string(getpid());
+  const std::string path = std::string(tmp && *tmp ? tmp : TOLVARIND_TEST_SCRATCH) + "/route." +
+                           std::to_string(getpid());
   std::ofstream(path) << "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\t"
                          "Window\tIRTT\n"
                       << body;
@@ -32,14 +32,18 @@ TEST(DefaultRouteInterface, PicksFirstUpRouteToEverywhere) {
     std::string body, want;
   } cases[] = {
       {"", ""},
-      {Route("eth0", "0000A8C0", "0001", "00FFFFFF") + Route("wlan0", "00000000", "0003", "00000000"),
+      {Route("eth0", "0000A8C0", "0001", "00FFFFFF") +
+           Route("wlan0", "00000000", "0003", "00000000"),
        "wlan0"},
-      {Route("eth1", "00000000", "0003", "00000000") + Route("eth0", "00000000", "0003", "00000000"),
+      {Route("eth1", "00000000", "0003", "00000000") +
+           Route("eth0", "00000000", "0003", "00000000"),
        "eth1"},
-      {Route("eth0", "00000000", "0002", "00000000") + Route("eth1", "00000000", "0003", "00000000"),
+      {Route("eth0", "00000000", "0002", "00000000") +
+           Route("eth1", "00000000", "0003", "00000000"),
        "eth1"},
       {Route("eth0", "00000000", "0001", "000000FF"), ""},
-      {"garbage\n\n\t\t\neth0 zz 00 0001\n" + Route("eth2", "00000000", "0003", "00000000"), "eth2"},
+      {"garbage\n\n\t\t\neth0 zz 00 0001\n" + Route("eth2", "00000000", "0003", "00000000"),
+       "eth2"},
       {Route("abcdefghijklmnopq", "00000000", "0003", "00000000"), ""},  // too long for a name
       {"eth3\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0", "eth3"},  // no line feed
   };
@@ -55,7 +59,8 @@ TEST(DefaultRouteInterface, ProbesGiveNothingWithoutARouteOrAnInterface) {
   testsupport::LogCapture logs;
   EXPECT_EQ(netprobe::DefaultRouteInterface("/nonexistent/route"), "");
   EXPECT_EQ(logs.count_prefix("open route table failed:/nonexistent/route"), 1);
-  for (const std::string& body : {std::string(), Route("nosuch9", "00000000", "0003", "00000000")}) {
+  for (const std::string& body :
+       {std::string(), Route("nosuch9", "00000000", "0003", "00000000")}) {
     const std::string path = RouteFile(body);
     logs.clear();
     EXPECT_EQ(netprobe::GetSystemIpv4(path.c_str()), "");

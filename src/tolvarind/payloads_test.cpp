@@ -29,7 +29,9 @@ TEST(EveryNSampler, LetsThroughTheFirstOfEveryN) {
     std::vector<int> taken;
     for (int i = 1; i <= 16; ++i)
       if (sampler.Next()) taken.push_back(i);
-    EXPECT_EQ(taken, (n == 5 ? std::vector<int>{1, 6, 11, 16} : std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}));
+    EXPECT_EQ(taken,
+              (n == 5 ? std::vector<int>{1, 6, 11, 16}
+                      : std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}));
     EXPECT_EQ(sampler.occurrences(), 16u);
   }
 }
