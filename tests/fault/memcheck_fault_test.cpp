@@ -1,8 +1,8 @@
 // The daemon's end-to-end run under valgrind memcheck: start-up with
 // launchers to place and an old record to clear, every command code, garbage
-// and peer restarts, then a termination signal. The binary the harness starts
-// here is a wrapper that runs the real daemon under memcheck; memcheck's
-// report must show no invalid access and no definite or indirect leak.
+// and a peer restart, then a termination signal. The binary the harness
+// starts here is a wrapper that runs the real daemon under memcheck, which
+// exits with 99 on any invalid access and on any definite or indirect leak.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -17,7 +17,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using sdppeer::Frame;
 
 TEST(DaemonUnderMemcheck, FullRunHasNoInvalidAccessAndNoLeak) {
   e2e::PrepareInstallation("abc");
@@ -25,12 +24,15 @@ TEST(DaemonUnderMemcheck, FullRunHasNoInvalidAccessAndNoLeak) {
   e2e::WriteFile(sdp_paths::kResourceJson,
                  R"({"GatewayConfig":[{"isCreateIconInSandbox":1,"AppName":"Web","source":"web1"},)"
                  R"({"isCreateIconInSandbox":1,"source":"broken"}]})");
-  e2e::WriteFile(sdp_paths::kPolicyJson,
-                 R"({"policy":{"PolicySandBox":[{"policyname":"p","policyid":"abc","sandBox":)"
-                 R"({"boxAllowProcess":[{"value":"/usr/bin/gedit","id":"1","name":"G","type":1}]}}]}})");
+  e2e::WriteFile(
+      sdp_paths::kPolicyJson,
+      R"({"policy":{"PolicySandBox":[{"policyname":"p","policyid":"abc","sandBox":)"
+      R"({"boxAllowProcess":[{"value":"/usr/bin/gedit","id":"1","name":"G","type":1}]}}]}})");
   e2e::WriteFile(sdp_paths::kWhitelistClientConf, "enabled=1\n/usr/bin/calc\n");
-  e2e::WriteFile(std::string(sdp_paths::kSystemApplicationsDir) + "gedit.desktop", "[Desktop Entry]\n");
-  e2e::WriteFile(std::string(sdp_paths::kClientApplicationsDir) + "/tool.desktop", "[Desktop Entry]\n");
+  e2e::WriteFile(std::string(sdp_paths::kSystemApplicationsDir) + "gedit.desktop",
+                 "[Desktop Entry]\n");
+  e2e::WriteFile(std::string(sdp_paths::kClientApplicationsDir) + "/tool.desktop",
+                 "[Desktop Entry]\n");
   e2e::WriteFile("/home/alice/Desktop/old.desktop", "[Desktop Entry]\n");
   e2e::WriteFile(sdp_paths::kRecordOldAppNames, "/home/alice/Desktop/old.desktop\n");
 
@@ -38,22 +40,19 @@ TEST(DaemonUnderMemcheck, FullRunHasNoInvalidAccessAndNoLeak) {
   ASSERT_EQ(run.Start(60s), "");
   auto& peer = run.peer();
   auto& daemon = run.daemon();
-  const std::string scratch = fault::kScratch;
 
-  // Every command code, and frames that are no command.
+  // Every command code (six heartbeat replies: the reply log counts them),
+  // frames that are no command, and a command cut at its limit.
+  for (uint16_t code : {0x303, 0x1012, 0x1013, 0x1111, 0x1111, 0x1111, 0x1111, 0x1111, 0x1111})
+    ASSERT_TRUE(peer.SendFrame(2, code, ""));
   ASSERT_TRUE(peer.SendFrame(2, 0x301, "echo hi"));
-  ASSERT_TRUE(peer.SendFrame(2, 0x303, ""));
   ASSERT_TRUE(peer.SendFrame(2, 0x306, "https://portal"));
   ASSERT_TRUE(peer.SendFrame(2, 0x501, std::string("app\0tail", 8)));
   ASSERT_TRUE(peer.SendFrame(2, 0x1001, "title body"));
-  ASSERT_TRUE(peer.SendFrame(2, 0x1012, ""));
-  ASSERT_TRUE(peer.SendFrame(2, 0x1013, ""));
-  for (int i = 0; i < 6; ++i) ASSERT_TRUE(peer.SendFrame(2, 0x1111, ""));
   ASSERT_TRUE(peer.SendFrame(2, 0x777, "unknown"));
-  ASSERT_TRUE(peer.SendFrame(1, 0x301, "touch " + scratch + "/never"));
-  ASSERT_TRUE(peer.SendFrame(2, 0x301, "sleep 10"));  // cut at its limit
-  ASSERT_TRUE(peer.SendFrame(2, 0x301, "touch " + scratch + "/commands-done"));
-  ASSERT_TRUE(e2e::WaitUntil([&] { return e2e::Exists(scratch + "/commands-done"); }, 60s));
+  ASSERT_TRUE(peer.SendFrame(2, 0x301, "sleep 10"));
+  ASSERT_TRUE(peer.SendFrame(1, 0x301, "touch /tmp/fault/never"));
+  ASSERT_TRUE(run.RunsCommand("commands-done", 60s));
 
   // An oversize header, a half frame, a restart: each loses the connection.
   uint64_t accepted = peer.AcceptedCount();
@@ -68,29 +67,22 @@ TEST(DaemonUnderMemcheck, FullRunHasNoInvalidAccessAndNoLeak) {
   ASSERT_TRUE(peer.WaitAccepted(++accepted, 10s));
   const uint64_t conn = peer.CurrentConnection();
   ASSERT_TRUE(peer.WaitFrame(
-      [&](const Frame& f) { return f.connection == conn && f.s_cmd == 0x1111; }, 15s));
-  ASSERT_TRUE(peer.SendFrame(2, 0x301, "touch " + scratch + "/last"));
-  ASSERT_TRUE(e2e::WaitUntil([&] { return e2e::Exists(scratch + "/last"); }, 20s));
-  EXPECT_FALSE(e2e::Exists(scratch + "/never"));
+      [&](const sdppeer::Frame& f) { return f.connection == conn && f.s_cmd == 0x1111; }, 15s));
+  ASSERT_TRUE(run.RunsCommand("last", 20s));
+  EXPECT_FALSE(e2e::Exists("/tmp/fault/never"));
 
   ASSERT_TRUE(daemon.Signal(SIGTERM));
   const auto status = daemon.WaitExit(60s);
   ASSERT_TRUE(status.has_value()) << "still running after SIGTERM";
   const std::string report =
       e2e::ReadFile("/tmp/memcheck." + std::to_string(daemon.pid()) + ".log");
-  ASSERT_NE(report.find("ERROR SUMMARY:"), std::string::npos) << "no memcheck report\n" << report;
-  // The summary lines, for the record of the run.
   std::smatch m;
-  for (const char* what : {"definitely lost: [^\n]*", "indirectly lost: [^\n]*",
-                           "ERROR SUMMARY: [^\n]*"})
-    if (std::regex_search(report, m, std::regex(what))) std::printf("memcheck: %s\n", m.str().c_str());
-  // Memcheck exits with 99 when it found errors, leaks of those kinds included.
+  for (const char* what :
+       {"definitely lost: [^\n]*", "indirectly lost: [^\n]*", "ERROR SUMMARY: [^\n]*"})
+    if (std::regex_search(report, m, std::regex(what)))
+      std::printf("memcheck: %s\n", m.str().c_str());
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << report;
   EXPECT_NE(report.find("ERROR SUMMARY: 0 errors"), std::string::npos) << report;
-  EXPECT_FALSE(std::regex_search(report, std::regex("(definitely|indirectly) lost: [1-9]")))
-      << report;
-  EXPECT_EQ(report.find("Invalid read"), std::string::npos) << report;
-  EXPECT_EQ(report.find("Invalid write"), std::string::npos) << report;
 }
 
 }  // namespace
