@@ -12,11 +12,11 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "fault_support.h"
 #include "sdp_paths.h"
@@ -27,43 +27,29 @@ using namespace std::chrono_literals;
 
 const std::string kApps = sdp_paths::kSystemApplicationsDir;
 const std::string kDesk = std::string(fault::kDesktop) + "/";
-const std::string kClient = std::string(sdp_paths::kClientApplicationsDir) + "/";
 
-// Lines of the launcher record, in order.
-std::vector<std::string> RecordEntries() {
-  std::vector<std::string> lines;
-  std::istringstream in(e2e::ReadFile(sdp_paths::kRecordOldAppNames));
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-// Regular files in the desktop and the system applications directory.
-std::set<std::string> LauncherFiles() {
+// Regular files in the desktop and the system applications directory but
+// those in `except`.
+std::set<std::string> LauncherFiles(const std::set<std::string>& except = {}) {
   std::set<std::string> files;
   std::error_code ec;
   for (const std::string& dir : {kDesk, kApps})
     for (const auto& e : std::filesystem::directory_iterator(dir, ec))
-      if (e.is_regular_file(ec) && !e.is_symlink(ec))
-        files.insert(dir + e.path().filename().string());
+      if (e.is_regular_file(ec) && !e.is_symlink(ec) && !except.count(e.path().string()))
+        files.insert(e.path().string());
   return files;
 }
 
-std::set<std::string> NewLaunchers(const std::set<std::string>& before) {
-  std::set<std::string> now;
-  for (const auto& f : LauncherFiles())
-    if (!before.count(f)) now.insert(f);
-  return now;
-}
-
-// The loop runs, the daemon is clean, every launcher file it created is in
-// the record, and everything the record lists exists.
-void ExpectLoopRunsAndRecordCovers(fault::DaemonRun& run, const std::set<std::string>& created) {
+// The loop runs, the daemon is clean, and the record lists every launcher
+// file created, each once, and nothing else.
+void ExpectLoopRunsAndRecordIs(fault::DaemonRun& run, const std::set<std::string>& created) {
   EXPECT_TRUE(run.RunsCommand("after-start"));
   EXPECT_EQ(run.SanitizerReport(), "");
-  const std::vector<std::string> entries = RecordEntries();
-  const std::set<std::string> recorded(entries.begin(), entries.end());
-  for (const auto& f : created) EXPECT_TRUE(recorded.count(f)) << "not recorded: " << f;
-  for (const auto& f : recorded) EXPECT_TRUE(e2e::Exists(f)) << "recorded but missing: " << f;
+  std::istringstream record(e2e::ReadFile(sdp_paths::kRecordOldAppNames));
+  std::multiset<std::string> recorded;
+  for (std::string line; std::getline(record, line);) recorded.insert(line);
+  EXPECT_EQ(std::set<std::string>(recorded.begin(), recorded.end()), created);
+  EXPECT_EQ(recorded.size(), created.size());
 }
 
 TEST(BareInstallation, RunsWithoutLogDirectoryScriptsOrNotifySend) {
@@ -92,104 +78,87 @@ TEST(BareInstallation, RunsWithoutLogDirectoryScriptsOrNotifySend) {
   EXPECT_EQ(run.SanitizerReport(), "");
 }
 
-constexpr int kEntries = 10000;
-
-// 10,000 resources: every 50th wants an icon, every 100th has an address.
-std::string HugeResourceList() {
-  std::string json = "{\"GatewayConfig\":[";
-  for (int i = 0; i < kEntries; ++i) {
-    if (i) json += ",";
-    const std::string n = std::to_string(i);
-    if (i % 50 == 0)
-      json += R"({"isCreateIconInSandbox":1,"AppName":"Resource )" + n + R"(","source":"res)" + n +
-              "\"}";
-    else if (i % 50 == 1)
-      json += R"({"isCreateIconInSandbox":1,"source":"noname)" + n + "\"}";
-    else
-      json += R"({"isCreateIconInSandbox":0,"AppName":"Hidden","source":"hidden)" + n + "\"}";
-  }
-  return json + "]}";
+// make(i) for i = 0, step, 2 * step ... below 10,000, joined by `sep`.
+std::string Join(int step, const char* sep, const std::function<std::string(std::string)>& make) {
+  std::string out;
+  for (int i = 0; i < 10000; i += step) out += (i ? sep : "") + make(std::to_string(i));
+  return out;
 }
 
-std::string HugeAumLines() {
-  std::string lines;
-  for (int i = 0; i < kEntries; i += 100)
-    lines += "res" + std::to_string(i) + "=https://res" + std::to_string(i) + ".example/\n";
-  return lines;
-}
+// 10,000 resources: every 50th wants an icon, the one after it too but has
+// no name, and every 100th has an address.
+const std::string kResources =
+    "{\"GatewayConfig\":[" +
+    Join(1, ",",
+         [](std::string n) {
+           const int i = std::stoi(n);
+           if (i % 50 == 0)
+             return R"({"isCreateIconInSandbox":1,"AppName":"Resource )" + n +
+                    R"(","source":"res)" + n + "\"}";
+           if (i % 50 == 1) return R"({"isCreateIconInSandbox":1,"source":"noname)" + n + "\"}";
+           return R"({"isCreateIconInSandbox":0,"AppName":"Hidden","source":"hidden)" + n + "\"}";
+         }) +
+    "]}";
+const std::string kAumLines =
+    Join(100, "", [](std::string n) { return "res" + n + "=https://res" + n + ".example/\n"; });
+// A policy of 10,000 applications for the sandbox, and one for another.
+const std::string kPolicy =
+    R"({"policy":{"PolicySandBox":[{"policyname":"big","policyid":"abc",)"
+    R"("sandBox":{"boxAllowProcess":[)" +
+    Join(1, ",",
+         [](std::string n) {
+           return R"({"value":"/usr/bin/app)" + n + R"(","id":")" + n + R"(","name":"App )" + n +
+                  R"(","type":1})";
+         }) +
+    R"(]}},{"policyname":"other","policyid":"zzz","sandBox":{"boxAllowProcess":[]}}]}})";
+const std::string kWhitelist =
+    "enabled=1\n" + Join(1, "", [](std::string n) { return "/usr/bin/wl" + n + "\n"; });
 
-// One policy of 10,000 applications for the sandbox, one for another.
-std::string HugePolicy() {
-  std::string items;
-  for (int j = 0; j < kEntries; ++j) {
-    if (j) items += ",";
-    const std::string n = std::to_string(j);
-    items += R"({"value":"/usr/bin/app)" + n + R"(","id":")" + n + R"(","name":"App )" + n +
-             R"(","type":1})";
-  }
-  return R"({"policy":{"PolicySandBox":[{"policyname":"big","policyid":"abc",)"
-         R"("sandBox":{"boxAllowProcess":[)" +
-         items +
-         R"(]}},{"policyname":"other","policyid":"zzz","sandBox":{"boxAllowProcess":[]}}]}})";
-}
-
-std::string HugeWhitelist() {
-  std::string lines = "enabled=1\n";
-  for (int k = 0; k < kEntries; ++k) lines += "/usr/bin/wl" + std::to_string(k) + "\n";
-  return lines;
-}
-
-void PlaceSystemEntries() {
-  for (int j = 0; j < kEntries; j += 200)
-    e2e::WriteFile(kApps + "app" + std::to_string(j) + ".desktop", "[Desktop Entry]\n");
-  for (int k = 0; k < kEntries; k += 500)
-    e2e::WriteFile(kApps + "wl" + std::to_string(k) + ".desktop", "[Desktop Entry]\n");
-  for (const char* name : {"tool-a.desktop", "tool-b.desktop", "tool-c.desktop"})
-    e2e::WriteFile(kClient + name, "[Desktop Entry]\n");
-}
-
+// System entries for every 200th application and every 500th whitelist
+// line, and three of the client's own.
 class BrokenFiles : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const auto& f : LauncherFiles()) std::remove(f.c_str());  // an earlier run's
+    for (const auto& f : LauncherFiles()) std::remove(f.c_str());  // an earlier test's
     e2e::PrepareInstallation("abc");
-    fault::PrepareDesktopUser(HugeAumLines());
-    PlaceSystemEntries();
+    fault::PrepareDesktopUser(kAumLines);
+    for (int j = 0; j < 10000; j += 200)
+      e2e::WriteFile(kApps + "app" + std::to_string(j) + ".desktop", "[Desktop Entry]\n");
+    for (int k = 0; k < 10000; k += 500)
+      e2e::WriteFile(kApps + "wl" + std::to_string(k) + ".desktop", "[Desktop Entry]\n");
+    for (const char* name : {"tool-a", "tool-b", "tool-c"})
+      e2e::WriteFile(std::string(sdp_paths::kClientApplicationsDir) + "/" + name + ".desktop",
+                     "[Desktop Entry]\n");
     before_ = LauncherFiles();
   }
   std::set<std::string> before_;
+  const std::set<std::string> tools_ = {kDesk + "tool-a.desktop", kDesk + "tool-b.desktop",
+                                        kDesk + "tool-c.desktop", kApps + "tool-a.desktop",
+                                        kApps + "tool-b.desktop", kApps + "tool-c.desktop"};
 };
 
 TEST_F(BrokenFiles, TenThousandEntriesGiveEveryLauncherAndARecordOfAll) {
-  e2e::WriteFile(sdp_paths::kResourceJson, HugeResourceList());
-  e2e::WriteFile(sdp_paths::kPolicyJson, HugePolicy());
-  e2e::WriteFile(sdp_paths::kWhitelistClientConf, HugeWhitelist());
+  e2e::WriteFile(sdp_paths::kResourceJson, kResources);
+  e2e::WriteFile(sdp_paths::kPolicyJson, kPolicy);
+  e2e::WriteFile(sdp_paths::kWhitelistClientConf, kWhitelist);
   fault::DaemonRun run;
   ASSERT_EQ(run.Start(90s), "");
   EXPECT_EQ(run.daemon().Count("deal user resource size:200", "error"), 1);
 
-  std::set<std::string> want;
-  for (int j = 0; j < kEntries; j += 200)
-    want.insert(kDesk + "app" + std::to_string(j) + ".desktop");
-  for (int k = 0; k < kEntries; k += 500)
-    want.insert(kDesk + "wl" + std::to_string(k) + ".desktop");
-  for (const char* name : {"tool-a.desktop", "tool-b.desktop", "tool-c.desktop"}) {
-    want.insert(kDesk + name);
-    want.insert(kApps + name);
-  }
-  for (int i = 0; i < kEntries; i += 100) {
+  std::set<std::string> want = tools_;
+  for (int j = 0; j < 10000; j += 200) want.insert(kDesk + "app" + std::to_string(j) + ".desktop");
+  for (int k = 0; k < 10000; k += 500) want.insert(kDesk + "wl" + std::to_string(k) + ".desktop");
+  for (int i = 0; i < 10000; i += 100) {
     want.insert(kDesk + "res" + std::to_string(i) + ".desktop");
     want.insert(kApps + "res" + std::to_string(i) + ".desktop");
   }
-  EXPECT_EQ(NewLaunchers(before_), want);
-  EXPECT_EQ(RecordEntries().size(), want.size());
-  ExpectLoopRunsAndRecordCovers(run, want);
+  EXPECT_EQ(LauncherFiles(before_), want);
+  ExpectLoopRunsAndRecordIs(run, want);
 }
 
 TEST_F(BrokenFiles, FilesCutShortAreReportedAndTheLoopStarts) {
-  const std::string resources = HugeResourceList(), policy = HugePolicy();
-  e2e::WriteFile(sdp_paths::kResourceJson, resources.substr(0, resources.size() / 2));
-  e2e::WriteFile(sdp_paths::kPolicyJson, policy.substr(0, policy.size() - 3));
+  e2e::WriteFile(sdp_paths::kResourceJson, kResources.substr(0, kResources.size() / 2));
+  e2e::WriteFile(sdp_paths::kPolicyJson, kPolicy.substr(0, kPolicy.size() - 3));
   e2e::WriteFile(sdp_paths::kWhitelistClientConf, "enabled=1\n/usr/bin/wl0\n/usr/bin/wl5");
   // Cut inside the addresses. (The user's name must stay whole: without it
   // the desktop directory would be the file-system root.)
@@ -202,12 +171,10 @@ TEST_F(BrokenFiles, FilesCutShortAreReportedAndTheLoopStarts) {
   EXPECT_EQ(daemon.Count("read userinfo failed!", "error"), 1);
   EXPECT_EQ(daemon.Count("not find param [policy]", "warning"), 1);
   EXPECT_EQ(daemon.Count("_readWListClient insert:/usr/bin/wl5"), 1);
-  const std::set<std::string> created = NewLaunchers(before_);
-  EXPECT_EQ(created, (std::set<std::string>{kDesk + "wl0.desktop", kDesk + "tool-a.desktop",
-                                            kDesk + "tool-b.desktop", kDesk + "tool-c.desktop",
-                                            kApps + "tool-a.desktop", kApps + "tool-b.desktop",
-                                            kApps + "tool-c.desktop"}));
-  ExpectLoopRunsAndRecordCovers(run, created);
+  std::set<std::string> want = tools_;
+  want.insert(kDesk + "wl0.desktop");
+  EXPECT_EQ(LauncherFiles(before_), want);
+  ExpectLoopRunsAndRecordIs(run, want);
 }
 
 TEST_F(BrokenFiles, FilesRewrittenWhileReadStillGiveARecordOfEveryLauncher) {
@@ -216,9 +183,9 @@ TEST_F(BrokenFiles, FilesRewrittenWhileReadStillGiveARecordOfEveryLauncher) {
   // is: cut before the user's name, it would make the file-system root the
   // desktop directory.
   const std::pair<const char*, std::string> files[] = {
-      {sdp_paths::kResourceJson, HugeResourceList()},
-      {sdp_paths::kPolicyJson, HugePolicy()},
-      {sdp_paths::kWhitelistClientConf, HugeWhitelist()}};
+      {sdp_paths::kResourceJson, kResources},
+      {sdp_paths::kPolicyJson, kPolicy},
+      {sdp_paths::kWhitelistClientConf, kWhitelist}};
   std::atomic<bool> stop{false};
   std::atomic<int> rounds{0};
   std::thread rewriter([&] {
@@ -240,7 +207,7 @@ TEST_F(BrokenFiles, FilesRewrittenWhileReadStillGiveARecordOfEveryLauncher) {
   rewriter.join();
   ASSERT_EQ(started, "");
   EXPECT_GT(rounds.load(), 1);
-  ExpectLoopRunsAndRecordCovers(run, NewLaunchers(before_));
+  ExpectLoopRunsAndRecordIs(run, LauncherFiles(before_));
 }
 
 }  // namespace
