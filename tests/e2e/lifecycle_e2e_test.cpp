@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -70,24 +69,18 @@ TEST(DaemonSignals, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReporte
   e2e::PrepareInstallation("abc");
   sdppeer::PeerServer peer;
   ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
+  // All run at once; those signalled in the wait before start-up come first.
   const struct {
     int sig;
-    bool inLoop;  // else during the wait before the first start-up attempt
-  } cases[] = {{SIGTERM, true}, {SIGQUIT, true},  {SIGUSR1, true},
-               {SIGUSR2, true}, {SIGTERM, false}, {SIGSEGV, false}};
-  // All run at once.
-  std::vector<std::unique_ptr<e2e::Daemon>> daemons;
+    bool inLoop;
+  } cases[] = {{SIGTERM, false}, {SIGSEGV, false}, {SIGTERM, true},
+               {SIGQUIT, true},  {SIGUSR1, true},  {SIGUSR2, true}};
+  std::vector<e2e::Daemon> daemons(std::size(cases));
   for (size_t i = 0; i < std::size(cases); ++i) {
-    daemons.push_back(std::make_unique<e2e::Daemon>());
-    ASSERT_TRUE(daemons.back()->Started());
+    ASSERT_TRUE(cases[i].inLoop ? daemons[i].WaitLog("read userinfo failed!", 12s, 1, "error")
+                                : daemons[i].WaitLog("setupSignal done.", 5s));
+    ASSERT_TRUE(daemons[i].Signal(cases[i].sig));
   }
-  for (int inLoop = 0; inLoop < 2; ++inLoop)
-    for (size_t i = 0; i < std::size(cases); ++i) {
-      if (cases[i].inLoop != bool(inLoop)) continue;
-      ASSERT_TRUE(inLoop ? daemons[i]->WaitLog("read userinfo failed!", 12s, 1, "error")
-                         : daemons[i]->WaitLog("setupSignal done.", 5s));
-      ASSERT_TRUE(daemons[i]->Signal(cases[i].sig));
-    }
   // ThreadSanitizer holds an asynchronous signal until the thread it hit
   // leaves its blocking call; a frame the daemons drop (main command 1) gives
   // the receiving thread that moment. Without it, the frames change nothing.
@@ -95,7 +88,7 @@ TEST(DaemonSignals, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReporte
       [&] {
         peer.SendFrame(1, 0x303, "", 100ms);
         for (auto& d : daemons)
-          if (d->Running()) return false;
+          if (d.Running()) return false;
         return true;
       },
       10s));
@@ -103,7 +96,7 @@ TEST(DaemonSignals, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReporte
   for (size_t i = 0; i < std::size(cases); ++i) {
     const int sig = cases[i].sig;
     SCOPED_TRACE(testing::Message() << "signal " << sig << (cases[i].inLoop ? " in loop" : ""));
-    e2e::Daemon& d = *daemons[i];
+    e2e::Daemon& d = daemons[i];
     const auto status = d.WaitExit(0ms);
     ASSERT_TRUE(status.has_value());
     if (sig == SIGSEGV) {  // glog's handler reports, then lets the signal end it
