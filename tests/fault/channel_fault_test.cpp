@@ -83,39 +83,49 @@ class StuckSender : public ::testing::Test {
     ASSERT_TRUE(peer_.Accept(2s));
   }
   void TearDown() override {
+    if (sender_.joinable()) {
+      peer_.CloseConnection();  // frees a send still held up
+      sender_.join();
+    }
     client_->Destroy();
     client_.reset();
     std::filesystem::remove_all(dir_);
   }
 
+  // Starts a sender that writes large frames until the socket holds one up
+  // for good, and returns once it is held up: inside a send, and no send
+  // completed for 200 ms.
+  void HoldUpASend() {
+    sender_ = std::thread([this] {
+      const std::string body(60000, 'h');
+      do {
+        inSend_ = true;
+        lastResult_ = client_->SendMessage(1, 0x1111, body.data(), static_cast<int>(body.size()));
+        inSend_ = false;
+      } while (lastResult_ >= 0 && ++sent_);
+    });
+    int seen = -1;
+    ASSERT_TRUE(PollUntil(
+        [&] {
+          const int now = sent_.load();
+          const bool still = inSend_ && now == seen && now > 0;
+          seen = now;
+          if (!still) std::this_thread::sleep_for(200ms);
+          return still;
+        },
+        10s));
+  }
+
   std::string dir_ = ::testing::TempDir() + "stuckXXXXXX";
+  std::thread sender_;
+  std::atomic<int> sent_{0}, lastResult_{0};
+  std::atomic<bool> inSend_{false};
   SilentPeer peer_;
   std::unique_ptr<TCP_Client> client_ = std::make_unique<TCP_Client>();
 };
 
 TEST_F(StuckSender, ReceivesWhileASendIsHeldUpAndRecoversWhenThePeerGoes) {
-  // A sender that writes large frames until the socket holds one up for good.
-  std::atomic<int> sent{0}, lastResult{0};
-  std::atomic<bool> inSend{false};
-  std::thread sender([&] {
-    const std::string body(60000, 'h');
-    do {
-      inSend = true;
-      lastResult = client_->SendMessage(1, 0x1111, body.data(), static_cast<int>(body.size()));
-      inSend = false;
-    } while (lastResult >= 0 && ++sent);
-  });
-  // Held up: inside a send, and no send completed for 200 ms.
-  int seen = -1;
-  ASSERT_TRUE(PollUntil(
-      [&] {
-        const int now = sent.load();
-        const bool still = inSend && now == seen && now > 0;
-        seen = now;
-        if (!still) std::this_thread::sleep_for(200ms);
-        return still;
-      },
-      10s));
+  ASSERT_NO_FATAL_FAILURE(HoldUpASend());
 
   // The receive side goes on: every command the peer sends arrives whole.
   auto msg = std::make_unique<sdpmsg_t>();
@@ -127,15 +137,15 @@ TEST_F(StuckSender, ReceivesWhileASendIsHeldUpAndRecoversWhenThePeerGoes) {
     EXPECT_LT(Clock::now() - start, 1s) << i;
     EXPECT_EQ(std::string(msg->data), body);
   }
-  EXPECT_TRUE(inSend) << "the send should still be held up";
+  EXPECT_TRUE(inSend_) << "the send should still be held up";
 
   // The peer goes away: the stuck send fails, the receive fails and closes,
   // and the reconnect thread connects again to the listener, which stays.
   peer_.CloseConnection();
   EXPECT_EQ(client_->RecvMessage(msg.get()), -1);
-  ASSERT_TRUE(PollUntil([&] { return !inSend; }, 3s));
-  sender.join();
-  EXPECT_EQ(lastResult.load(), -1);
+  ASSERT_TRUE(PollUntil([&] { return !inSend_; }, 3s));
+  sender_.join();
+  EXPECT_EQ(lastResult_.load(), -1);
   const auto lost = Clock::now();
   ASSERT_TRUE(peer_.Accept(3s));
   EXPECT_LT(Clock::now() - lost, 1500ms);
@@ -150,6 +160,27 @@ TEST_F(StuckSender, ReceivesWhileASendIsHeldUpAndRecoversWhenThePeerGoes) {
   EXPECT_EQ(got, sdppeer::EncodeFrame(1, 0x1111, beat));
   ASSERT_TRUE(peer_.Send(sdppeer::EncodeFrame(2, 0x306, "https://portal")));
   EXPECT_EQ(client_->RecvMessage(msg.get()), 14);
+}
+
+// The client side closing (a failed receive, Destroy) must end a send held up
+// by a peer that keeps the connection but stops reading: a close alone leaves
+// such a send blocked for as long as the peer stays.
+TEST_F(StuckSender, ClosingTheChannelEndsAHeldUpSend) {
+  ASSERT_NO_FATAL_FAILURE(HoldUpASend());
+  client_->CloseConn();
+  EXPECT_TRUE(PollUntil([&] { return !inSend_; }, 2s)) << "the send is still held up";
+  EXPECT_EQ(lastResult_.load(), -1);
+
+  // The reconnect thread connects again, and what arrives there is a whole
+  // frame: nothing of the abandoned one follows it over.
+  ASSERT_TRUE(peer_.Accept(3s));
+  ASSERT_TRUE(PollUntil([&] { return client_->IsAvaliable(); }, 2s));
+  const std::string beat = "abc#10.0.0.5#";
+  EXPECT_EQ(client_->SendMessage(1, 0x1111, beat.data(), static_cast<int>(beat.size())),
+            static_cast<int>(beat.size()) + 8);
+  std::string got;
+  EXPECT_TRUE(PollUntil([&] { return (got += peer_.Drain()).size() >= 8 + beat.size(); }, 2s));
+  EXPECT_EQ(got, sdppeer::EncodeFrame(1, 0x1111, beat));
 }
 
 }  // namespace

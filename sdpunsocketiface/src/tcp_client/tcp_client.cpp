@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -236,6 +237,7 @@ void TCP_Client::CloseConn() {
   // "not connected"; kept as it has always been.
   if (fd >= 0) {
     LOG(INFO) << "TCP_Client::CloseConn() fd:" << fd;
+    shutdown(fd, SHUT_RDWR);  // also ends the copies senders hold
     close(fd);
     sockfd_.store(-1);
   }
@@ -291,7 +293,19 @@ int TCP_Client::GetMacAddr(const char* ifname, char* buf, int len) {
 }
 
 int TCP_Client::SendMessage(unsigned short m_cmd, unsigned short s_cmd, const char* data, int len) {
-  return rwriter_.SendMessage(sockfd_.load(), m_cmd, s_cmd, data, len);
+  // The frame goes out on a copy of the descriptor taken under fdmutex_: the
+  // receiver may close the connection (and the reconnect thread reuse its
+  // number for a new one) while a send is under way, and a bare number would
+  // then name some other file. CloseConn shuts the socket down, so a send
+  // blocked on a peer that stopped reading ends there too.
+  int fd;
+  {
+    std::lock_guard<std::mutex> lock(fdmutex_);
+    const int cur = sockfd_.load();
+    fd = cur >= 0 ? fcntl(cur, F_DUPFD_CLOEXEC, 0) : -1;
+  }
+  FdCloser closer(fd);
+  return rwriter_.SendMessage(fd, m_cmd, s_cmd, data, len);
 }
 
 int TCP_Client::RecvMessage(sdpmsg_t* msg) {

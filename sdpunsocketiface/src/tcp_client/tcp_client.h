@@ -5,8 +5,8 @@
 //
 // Threads: one receiver (RecvMessage), any number of senders (SendMessage)
 // and the reconnect thread share the object. Locks, never two at once:
-//   fdmutex_            sockfd_ (all of InitSocket and CloseConn, and reads
-//                       except SendMessage's), clientaddr_, clientport_
+//   fdmutex_            sockfd_ (all of InitSocket and CloseConn, and every
+//                       read), clientaddr_, clientport_
 //   rwriter_.rmutex_    one whole frame received
 //   rwriter_.wmutex_    one whole frame sent
 //   reconn_mu_          the reconnect threads' bookkeeping and their wake-up
@@ -52,8 +52,9 @@ class TCP_Client : public ClientComm {
   // "AA:BB:CC:DD:EE:FF" of interface `ifname` into `buf`; the snprintf count or -1.
   int GetMacAddr(const char* ifname, char* buf, int len);
 
-  // Sends one frame on the current descriptor, read without fdmutex_
-  // (SocketRWriter::SendMessage). -1 while disconnected.
+  // Sends one frame (SocketRWriter::SendMessage) on a copy of the current
+  // descriptor, so that a concurrent CloseConn cannot turn it into another
+  // file's number. -1 while disconnected.
   int SendMessage(unsigned short m_cmd, unsigned short s_cmd, const char* data, int len);
   // Receives one frame into `msg` (zeroed in full first); returns the body
   // length or -1. Any failure closes the connection, which is what wakes the
@@ -72,8 +73,7 @@ class TCP_Client : public ClientComm {
   std::atomic<bool> stop_;     // true: the reconnect thread ends
   int clientport_ = 0;         // local port of a TCP connection, host order
   char clientaddr_[128] = {};  // local IPv4 address of a TCP connection
-  // Atomic because SendMessage reads it without fdmutex_; every write and the
-  // other reads still happen under fdmutex_.
+  // Written only under fdmutex_; atomic for Init's read of its own result.
   std::atomic<int> sockfd_;
   Option option_;
   SocketRWriter rwriter_;  // the read and write locks
