@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
+#include <thread>
 
 std::function<void(int)> shutdown_handler;
 
@@ -34,3 +36,30 @@ void signalChildHandler(int sig) {
 }
 
 void signal_handler(int sig) { shutdown_handler(sig); }
+
+sigset_t TerminationSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int sig : {SIGTERM, SIGQUIT, SIGUSR1, SIGUSR2}) sigaddset(&set, sig);
+  return set;
+}
+
+void StartTerminationSignalThread() {
+  // glog takes a lock for every line and aborts when a thread takes it twice:
+  // a handler that logs on a thread the signal caught in the middle of a line
+  // ends the process with SIGABRT instead of status 0. Blocked everywhere and
+  // taken here, a termination signal runs the handler on a thread that holds
+  // nothing, and its line waits for the one in progress.
+  const sigset_t set = TerminationSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  try {
+    std::thread([set] {
+      for (;;) {
+        int sig = 0;
+        if (sigwait(&set, &sig) == 0) signalChildHandler(sig);
+      }
+    }).detach();
+  } catch (const std::system_error&) {
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // the handler on any thread, as before
+  }
+}

@@ -3,6 +3,8 @@
 // installs signal_handler (the HTTPS endpoint) and fills shutdown_handler.
 #pragma once
 
+#include <signal.h>
+
 #include <functional>
 
 // Called with the signal number by signal_handler. Empty until the HTTPS
@@ -16,6 +18,15 @@ void setupSignal();
 // Logs "Daemon Child Recv Signal:<sig>"; exit(0) for SIGQUIT, SIGTERM,
 // SIGKILL, SIGUSR1 and SIGUSR2, otherwise returns.
 void signalChildHandler(int sig);
+
+// SIGTERM, SIGQUIT, SIGUSR1 and SIGUSR2.
+sigset_t TerminationSignals();
+
+// Blocks the termination signals in the calling thread and in every thread it
+// starts later, and starts a thread that takes them with sigwait and hands
+// each to signalChildHandler. Called once, from main, before any other thread
+// exists. Children started later must unblock them again.
+void StartTerminationSignalThread();
 
 // Forwards `sig` to shutdown_handler; throws std::bad_function_call when it is
 // empty.

@@ -258,8 +258,14 @@ void tolvarind::run() {
         // No time limit and no status: the pop-up script is the user's to close.
         const std::string command =
             std::string(sdp_paths::kPopupScript) + " " + std::string(msg.data, len);
+        // The script inherits the calling thread's mask, in which the process
+        // keeps the termination signals blocked for its signal thread.
+        sigset_t all, old;
+        sigfillset(&all);
+        pthread_sigmask(SIG_UNBLOCK, &all, &old);
         int ignored = std::system(command.c_str());
         (void)ignored;
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
         LOG(INFO) << " got SANDBOX_TO_LOCAL message from server";
         break;
       }

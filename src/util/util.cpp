@@ -60,6 +60,11 @@ constexpr char kExecveFailed = 'e';
   // Ignoring SIGPIPE is the daemon's business; an ignored disposition would
   // survive exec and change how the command's own pipelines end.
   ::signal(SIGPIPE, SIG_DFL);
+  // Nor is the daemon's signal mask (its termination signals wait for the
+  // signal thread): a command starts with nothing blocked, as from a shell.
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
   if (writeEnd == STDOUT_FILENO) {
     // dup2 onto itself would keep close-on-exec set.
     if (::fcntl(writeEnd, F_SETFD, 0) < 0) {

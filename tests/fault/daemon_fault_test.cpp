@@ -122,7 +122,7 @@ TEST_F(PeerRestarts, ReconnectsEveryTimeAndRunsEveryCommandOnceWithFlatFootprint
       [&](const Frame& f) { return f.connection == firstConn && f.s_cmd == 0x1111; }, 5s));
   const Footprint base = SettledFootprint(daemon.pid());
   std::printf("idle daemon: %ld descriptors, %ld threads\n", base[0], base[1]);
-  // Main thread, heartbeat thread, one reconnect thread; nothing forked.
+  // Main, signal and heartbeat threads, one reconnect thread; nothing forked.
   ASSERT_EQ(base[1], FAULT_DAEMON_THREADS);
   ASSERT_EQ(base[2], 0);
   std::atomic<int> registrations{0};
