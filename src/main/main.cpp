@@ -16,8 +16,9 @@
 
 namespace {
 
-// The client, for the exit path of the termination handler, which leaves
-// main's objects alive but destroys glog's: the heartbeat must be quiet first.
+// The client, for exit after main returns with the HTTPS endpoint's thread
+// still running: static destructors, glog's among them, must not run under a
+// heartbeat.
 std::atomic<tolvarind*> g_client{nullptr};
 
 void QuiesceClientAtExit() {

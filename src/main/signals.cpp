@@ -3,6 +3,7 @@
 #include <glog/logging.h>
 #include <signal.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
@@ -31,8 +32,14 @@ void signalChildHandler(int sig) {
   // Not async-signal-safe, accepted on purpose: the line tells who stopped
   // the client.
   LOG(INFO) << "Daemon Child Recv Signal:" << sig;
-  if (sig == SIGQUIT || sig == SIGTERM || sig == SIGKILL || sig == SIGUSR1 || sig == SIGUSR2)
-    std::exit(0);
+  if (sig == SIGQUIT || sig == SIGTERM || sig == SIGKILL || sig == SIGUSR1 || sig == SIGUSR2) {
+    // Not exit(): the other threads go on running, and static destructors,
+    // glog's lock among them, would be torn down under them. What exit would
+    // do that matters, the logs and standard streams on disk, is done here.
+    google::FlushLogFiles(google::GLOG_INFO);
+    std::fflush(nullptr);
+    std::_Exit(0);
+  }
 }
 
 void signal_handler(int sig) { shutdown_handler(sig); }

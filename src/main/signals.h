@@ -15,8 +15,9 @@ extern std::function<void(int)> shutdown_handler;
 // SIGQUIT, SIGUSR1, SIGUSR2 and SIGPIPE.
 void setupSignal();
 
-// Logs "Daemon Child Recv Signal:<sig>"; exit(0) for SIGQUIT, SIGTERM,
-// SIGKILL, SIGUSR1 and SIGUSR2, otherwise returns.
+// Logs "Daemon Child Recv Signal:<sig>"; for SIGQUIT, SIGTERM, SIGKILL,
+// SIGUSR1 and SIGUSR2 then flushes the logs and standard streams and ends the
+// process with status 0 (without static destructors), otherwise returns.
 void signalChildHandler(int sig);
 
 // SIGTERM, SIGQUIT, SIGUSR1 and SIGUSR2.
