@@ -116,6 +116,16 @@ class StuckSender : public ::testing::Test {
         10s));
   }
 
+  // A heartbeat sent now reaches the peer as exactly one whole frame.
+  void ExpectWholeHeartbeatArrives() {
+    const std::string beat = "abc#10.0.0.5#";
+    EXPECT_EQ(client_->SendMessage(1, 0x1111, beat.data(), static_cast<int>(beat.size())),
+              static_cast<int>(beat.size()) + 8);
+    std::string got;
+    EXPECT_TRUE(PollUntil([&] { return (got += peer_.Drain()).size() >= 8 + beat.size(); }, 2s));
+    EXPECT_EQ(got, sdppeer::EncodeFrame(1, 0x1111, beat));
+  }
+
   std::string dir_ = ::testing::TempDir() + "stuckXXXXXX";
   std::thread sender_;
   std::atomic<int> sent_{0}, lastResult_{0};
@@ -152,12 +162,7 @@ TEST_F(StuckSender, ReceivesWhileASendIsHeldUpAndRecoversWhenThePeerGoes) {
   ASSERT_TRUE(PollUntil([&] { return client_->IsAvaliable(); }, 2s));
 
   // Both directions work on the new connection.
-  const std::string beat = "abc#10.0.0.5#";
-  EXPECT_EQ(client_->SendMessage(1, 0x1111, beat.data(), static_cast<int>(beat.size())),
-            static_cast<int>(beat.size()) + 8);
-  std::string got;
-  EXPECT_TRUE(PollUntil([&] { return (got += peer_.Drain()).size() >= 8 + beat.size(); }, 2s));
-  EXPECT_EQ(got, sdppeer::EncodeFrame(1, 0x1111, beat));
+  ExpectWholeHeartbeatArrives();
   ASSERT_TRUE(peer_.Send(sdppeer::EncodeFrame(2, 0x306, "https://portal")));
   EXPECT_EQ(client_->RecvMessage(msg.get()), 14);
 }
@@ -175,12 +180,7 @@ TEST_F(StuckSender, ClosingTheChannelEndsAHeldUpSend) {
   // frame: nothing of the abandoned one follows it over.
   ASSERT_TRUE(peer_.Accept(3s));
   ASSERT_TRUE(PollUntil([&] { return client_->IsAvaliable(); }, 2s));
-  const std::string beat = "abc#10.0.0.5#";
-  EXPECT_EQ(client_->SendMessage(1, 0x1111, beat.data(), static_cast<int>(beat.size())),
-            static_cast<int>(beat.size()) + 8);
-  std::string got;
-  EXPECT_TRUE(PollUntil([&] { return (got += peer_.Drain()).size() >= 8 + beat.size(); }, 2s));
-  EXPECT_EQ(got, sdppeer::EncodeFrame(1, 0x1111, beat));
+  ExpectWholeHeartbeatArrives();
 }
 
 }  // namespace
