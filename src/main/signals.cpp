@@ -61,6 +61,11 @@ void StartTerminationSignalThread() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   try {
     std::thread([set] {
+      // Every other signal is for the rest of the process: a crash signal
+      // sent from outside must reach a thread that is not parked in sigwait.
+      sigset_t all;
+      sigfillset(&all);
+      pthread_sigmask(SIG_BLOCK, &all, nullptr);
       for (;;) {
         int sig = 0;
         if (sigwait(&set, &sig) == 0) signalChildHandler(sig);
