@@ -42,21 +42,54 @@ void Ip(const std::string& args) {
   if (std::system(cmd.c_str()) != 0) Die(cmd + " (is iproute2 installed?)", 0);
 }
 
+// The sandbox's own account database, bound over the host's files: the
+// desktop user and a second local user exist only here.
+void PrivateAccounts() {
+  const std::string dir = "/tmp/.sandbox-etc";
+  if (mkdir(dir.c_str(), 0755) != 0) Die("mkdir " + dir);
+  const std::string passwd = "root:x:0:0:root:/root:/bin/sh\n" +
+                             std::string(kDesktopUser) + ":x:" + std::to_string(kDesktopUid) +
+                             ":" + std::to_string(kDesktopUid) + "::/home/" + kDesktopUser +
+                             ":/bin/sh\n" + kOtherUser + ":x:" + std::to_string(kOtherUid) + ":" +
+                             std::to_string(kOtherUid) + "::/home/" + kOtherUser +
+                             ":/bin/sh\nnobody:x:65534:65534:nobody:/nonexistent:/bin/false\n";
+  const std::string group = "root:x:0:\n" + std::string(kDesktopUser) + ":x:" +
+                            std::to_string(kDesktopUid) + ":\n" + kOtherUser + ":x:" +
+                            std::to_string(kOtherUid) + ":\n" + kDesktopExtraGroup + ":x:" +
+                            std::to_string(kDesktopExtraGid) + ":" + kDesktopUser +
+                            "\nnogroup:x:65534:\n";
+  for (const auto& [name, text] : {std::pair<std::string, std::string>{"passwd", passwd},
+                                   std::pair<std::string, std::string>{"group", group}}) {
+    const std::string path = dir + "/" + name;
+    WriteProcFile(path.c_str(), text);
+    const std::string target = "/etc/" + name;
+    if (mount(path.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
+      Die("bind " + target);
+  }
+}
+
 }  // namespace
 
 std::vector<std::string> SandboxedDirs() {
   return {"/tmp", "/opt", "/home", "/usr/share/applications"};
 }
 
-void EnterSandbox(const std::vector<std::string>& keep) {
+bool CanEnterRootSandbox() { return getuid() == 0 && geteuid() == 0; }
+
+void EnterSandbox(const std::vector<std::string>& keep, SandboxKind kind) {
   const ino_t host_ns = MountNsInode();
-  const uid_t uid = geteuid();
-  const gid_t gid = getegid();
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET) != 0)
-    Die("unshare(user|mount|net); user namespaces are required for these tests");
-  WriteProcFile("/proc/self/setgroups", "deny");
-  WriteProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-  WriteProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+  if (kind == SandboxKind::kRealRoot) {
+    if (!CanEnterRootSandbox()) Die("the real-root sandbox needs real root", 0);
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) Die("unshare(mount|net)");
+  } else {
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET) != 0)
+      Die("unshare(user|mount|net); user namespaces are required for these tests");
+    WriteProcFile("/proc/self/setgroups", "deny");
+    WriteProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    WriteProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+  }
   // Nothing mounted below may propagate back to the host.
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) Die("make / private");
 
@@ -94,6 +127,7 @@ void EnterSandbox(const std::vector<std::string>& keep) {
     if (statfs(dir.c_str(), &fs) != 0 || fs.f_type != TMPFS_MAGIC)
       Die(dir + " is not a private tmpfs", 0);
   }
+  if (kind == SandboxKind::kRealRoot) PrivateAccounts();
   // A known address on the interface that carries the default route.
   const std::string veth = kSandboxIfName;
   Ip("link set lo up");
