@@ -1,6 +1,7 @@
 #include "iconmanager.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,21 +13,19 @@
 #include <cstring>
 #include <memory>
 
+#include "checked_dir.h"
+#include "desktop_user.h"
 #include "inifile.h"
 #include "sdp_paths.h"
+#include "unique_fd.h"
 #include "util.h"
 
 namespace {
 
-struct FileClose {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileClose>;
-
-struct DirClose {
-  void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirClose>;
+using FilePtr = util::UniqueFile;
+using DirPtr = util::UniqueDir;
+using launcherfs::CheckedDir;
+using launcherfs::Outcome;
 
 constexpr char kDesktopExt[] = ".desktop";
 constexpr size_t kDesktopExtLen = sizeof(kDesktopExt) - 1;
@@ -49,6 +48,65 @@ bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 bool StartsWith(const std::string& text, const char* prefix) {
   return text.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+// One line for everything turned away: what, and why.
+void LogRefused(const std::string& what, const std::string& why) {
+  LOG(ERROR) << "refused " << what << ": " << why;
+}
+
+// `path` split at its last "/": the directory (without the "/") and the name.
+std::pair<std::string, std::string> SplitPath(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return {"", path};
+  return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+bool HasLineBreak(const std::string& text) {
+  return text.find_first_of("\r\n") != std::string::npos;
+}
+
+// For a shell line: the text in single quotes, each quote in it closed,
+// escaped and reopened.
+std::string ShellQuote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// Writes `text` as `path` (its directory checked on the way), logging a
+// refusal; false when nothing was written.
+// `owner`, when given, receives the authority the file was written with.
+Outcome WriteLauncher(const std::string& path, const std::string& text, bool exclusive,
+                      launcherfs::Authority* owner = nullptr) {
+  const auto [dirPath, name] = SplitPath(path);
+  CheckedDir dir;
+  std::string why;
+  if (!dir.Open(dirPath, &why)) {
+    if (dir.missing()) return Outcome::kFailed;
+    LogRefused(dirPath, why);
+    return Outcome::kRefused;
+  }
+  if (owner) *owner = dir.authority();
+  int err = 0;
+  const Outcome result = launcherfs::WriteAt(dir, name, text, exclusive, &err, &why);
+  if (result == Outcome::kRefused) LogRefused(path, why);
+  return result;
+}
+
+// The client's own launchers have always been given "chmod 755" through the
+// shell as well; the mode is already set on the descriptor, so the command
+// changes nothing, and it runs only where it lends no authority.
+void ChmodCommand(const std::string& path, const launcherfs::Authority& owner) {
+  char command[256];
+  const int len = std::snprintf(command, sizeof(command), "chmod 755 %s", ShellQuote(path).c_str());
+  if (len >= static_cast<int>(sizeof(command))) {
+    LogRefused(path, "too long for the chmod command");
+    return;
+  }
+  std::string output;
+  if (owner.uid == geteuid() || geteuid() != 0) util::system_output(command, output, 3);
+  LOG(INFO) << "chmod 755:" << path << ", response:" << output;
 }
 
 }  // namespace
@@ -124,25 +182,14 @@ IconManager& IconManager::getIns() {
 }
 
 bool IconManager::writeDesktopFile(const std::string& path, const SAppDesktop& desk) {
-  FilePtr out(std::fopen(path.c_str(), "we"));
-  if (!out) return false;
-  const std::string text = iconmanager::DesktopEntryText(desk);
-  std::fwrite(text.data(), 1, text.size(), out.get());
-  out.reset();
-  chmod(path.c_str(), 0755);
-  return true;
+  return WriteLauncher(path, iconmanager::DesktopEntryText(desk), false) == Outcome::kDone;
 }
 
 bool IconManager::writeExecShell(const std::string& path, std::string content) {
-  FilePtr out(std::fopen(path.c_str(), "we"));
-  if (!out) {
+  if (WriteLauncher(path, "#!/bin/sh\n" + content + "\n", false) != Outcome::kDone) {
     LOG(ERROR) << "write shell info,exec file write failed!! , " << path;
     return false;
   }
-  const std::string text = "#!/bin/sh\n" + content + "\n";
-  std::fwrite(text.data(), 1, text.size(), out.get());
-  out.reset();
-  chmod(path.c_str(), 0755);
   return true;
 }
 
@@ -189,8 +236,22 @@ std::string IconManager::_getDesktopPath() {
   if (user.empty()) return "";
   user.erase(std::remove(user.begin(), user.end(), '\n'), user.end());
   const std::string home = sdp_paths::kHomeDir + user;
-  std::string desktop = home + sdp_paths::kUserDesktopDir;
-  if (Exists(desktop)) return desktop;
+  // The name becomes a path: "../x" or "a/b" would leave the homes.
+  if (!util::IsValidLoginName(user)) {
+    LogRefused(home, "not a valid login name");
+    return "";
+  }
+  // The first name when anything stands there: a link in its place is
+  // refused when it is opened, not passed over for the second name.
+  CheckedDir homeDir;
+  std::string why;
+  struct stat st {};
+  if (homeDir.Open(home, &why)) {
+    launcherfs::ActingAs as(homeDir.authority());
+    if (as.ok() && fstatat(homeDir.fd(), sdp_paths::kUserDesktopDir + 1, &st,
+                           AT_SYMLINK_NOFOLLOW) == 0)
+      return home + sdp_paths::kUserDesktopDir;
+  }
   return home + sdp_paths::kUserDesktopDirZh;
 }
 
@@ -199,11 +260,21 @@ void IconManager::_clearDesktop() {
   loadAppNameFromFile();
   const std::vector<std::string> recorded = appNames;
   for (const std::string& path : recorded) {
-    if (!Exists(path)) continue;
-    if (std::remove(path.c_str()) == 0) {
+    // Removed relative to its directory, which is reached without following
+    // a link: a desktop replaced by a link to elsewhere loses nothing there.
+    const auto [dirPath, name] = SplitPath(path);
+    CheckedDir dir;
+    std::string why;
+    if (name.empty() || !dir.Open(dirPath, &why)) {
+      if (!name.empty() && !dir.missing()) LogRefused(path, why);
+      continue;
+    }
+    int err = 0;
+    const Outcome result = launcherfs::RemoveAt(dir, name, &err);
+    if (result == Outcome::kMissing) continue;
+    if (result == Outcome::kDone) {
       LOG(INFO) << "rm file:" << path;
     } else {
-      int err = errno;
       LOG(WARNING) << "rm file failed !:" << path << " error: " << std::strerror(err);
     }
   }
@@ -217,6 +288,15 @@ bool IconManager::produceDesktopFile(std::vector<SAppDesktop>& apps) {
     const std::string source = app.exec;
     const std::string name = app.name;
     LOG(INFO) << "desktop info: " << name << " source: " << source;
+    // The source names the launcher's file; the name becomes one line of it.
+    if (!util::IsPlainFileName(source)) {
+      LogRefused("resource source \"" + source + "\"", "not a plain file name");
+      continue;
+    }
+    if (HasLineBreak(name)) {
+      LogRefused("resource name of " + source, "a line break in it");
+      continue;
+    }
 
     char address[1024] = {0};
     char browser[1024] = {0};
@@ -233,21 +313,38 @@ bool IconManager::produceDesktopFile(std::vector<SAppDesktop>& apps) {
     const std::string dir = _getDesktopPath();
     char desktopFile[1024];
     char appsFile[1024];
-    std::snprintf(desktopFile, sizeof(desktopFile), "%s/%s.desktop", dir.c_str(), source.c_str());
-    std::snprintf(appsFile, sizeof(appsFile), "%s%s.desktop", sdp_paths::kSystemApplicationsDir,
-                  source.c_str());
+    const int desktopLen = std::snprintf(desktopFile, sizeof(desktopFile), "%s/%s.desktop",
+                                         dir.c_str(), source.c_str());
+    const int appsLen = std::snprintf(appsFile, sizeof(appsFile), "%s%s.desktop",
+                                      sdp_paths::kSystemApplicationsDir, source.c_str());
+    // A cut name would be another file than the one recorded and meant.
+    if (desktopLen >= static_cast<int>(sizeof(desktopFile)) ||
+        appsLen >= static_cast<int>(sizeof(appsFile))) {
+      LogRefused("launcher of " + source, "its path is too long");
+      continue;
+    }
     LOG(INFO) << "new desktop name: " << desktopFile;
+    // No user, no desktop: the name would stand at the root of the file system.
+    if (dir.empty()) {
+      LOG(WARNING) << "desktop produce failed ! " << desktopFile;
+      continue;
+    }
 
     // Recorded first: a launcher left half made is still removed next start.
     appNames.push_back(desktopFile);
     appNames.push_back(appsFile);
     saveAppNameToFile();
 
-    if (!writeDesktopFile(desktopFile, desk)) {
+    // The system copy is made from the bytes written, never read back from
+    // the user's desktop, where the file may have been swapped meanwhile.
+    const std::string text = iconmanager::DesktopEntryText(desk);
+    const Outcome written = WriteLauncher(desktopFile, text, false);
+    if (written == Outcome::kRefused) continue;
+    if (written != Outcome::kDone) {
       LOG(WARNING) << "desktop produce failed ! " << desktopFile;
       continue;
     }
-    if (!util::copyFile(desktopFile, appsFile))
+    if (WriteLauncher(appsFile, text, false) == Outcome::kFailed)
       LOG(WARNING) << "apps produce failed ! " << appsFile;
   }
   return true;
@@ -315,22 +412,25 @@ void IconManager::_addAppWhiteToDesk(const std::map<std::string, std::string>& a
     const std::string systemCopy = sdp_paths::kSystemApplicationsDir + name;
     LOG(INFO) << "resPath is :" << desktopCopy;
 
+    // Read once: both copies get these bytes, whatever happens to the source.
+    std::string text, why;
+    const bool readable = launcherfs::ReadRegularFile(source, &text, &why);
+
     // An existing copy is the user's or the system's: left alone and not
     // recorded, so the next start does not remove it. A failed copy is
     // recorded all the same, in case it left a partial file.
-    if (!Exists(desktopCopy)) {
-      if (!util::copyFile(source, desktopCopy)) LOG(ERROR) << "copy fail, app path: " << source;
-      if (StartsWith(source, sdp_paths::kClientApplicationsDir)) {
-        char command[256];
-        std::snprintf(command, sizeof(command), "chmod 755 %s", desktopCopy.c_str());
-        std::string output;
-        util::system_output(command, output, 3);
-        LOG(INFO) << "chmod 755:" << desktopCopy << ", response:" << output;
-      }
+    launcherfs::Authority owner{0, 0};
+    const Outcome desk = desktopPath.empty() ? Outcome::kRefused
+                         : readable          ? WriteLauncher(desktopCopy, text, true, &owner)
+                                             : Outcome::kFailed;
+    if (desk == Outcome::kDone || desk == Outcome::kFailed) {
+      if (desk == Outcome::kFailed) LOG(ERROR) << "copy fail, app path: " << source;
+      if (StartsWith(source, sdp_paths::kClientApplicationsDir)) ChmodCommand(desktopCopy, owner);
       appNames.push_back(desktopCopy);
     }
-    if (!Exists(systemCopy)) {
-      if (!util::copyFile(source, systemCopy)) LOG(ERROR) << "copy fail, app path: " << source;
+    const Outcome sys = readable ? WriteLauncher(systemCopy, text, true) : Outcome::kFailed;
+    if (sys == Outcome::kDone || sys == Outcome::kFailed) {
+      if (sys == Outcome::kFailed) LOG(ERROR) << "copy fail, app path: " << source;
       appNames.push_back(systemCopy);
     }
   }
