@@ -11,39 +11,26 @@
 
 #include <algorithm>
 
+#include "CSComm.h"
+
 namespace sdppeer {
 
 namespace {
 
-constexpr size_t kHeaderLen = 8;
+constexpr size_t kHeaderLen = SDPMSG_HEAD_LEN;
 constexpr std::chrono::milliseconds kIoCommandTimeout{10000};
 // Reads per connection per wake-up, so that one busy client cannot starve the others.
 constexpr int kReadsPerWake = 16;
-
-uint16_t LoadU16(const char* p) {
-  uint16_t v;
-  memcpy(&v, p, sizeof v);
-  return v;
-}
-
-void StoreU16(std::string& out, uint16_t v) {
-  char b[sizeof v];
-  memcpy(b, &v, sizeof v);
-  out.append(b, sizeof v);
-}
 
 std::string ErrnoText(const char* what) { return std::string(what) + ": " + strerror(errno); }
 
 }  // namespace
 
 std::string EncodeHeader(uint16_t m_reserved, uint16_t m_cmd, uint16_t s_cmd, uint16_t msglen) {
-  std::string out;
-  out.reserve(kHeaderLen);
-  StoreU16(out, m_reserved);
-  StoreU16(out, m_cmd);
-  StoreU16(out, s_cmd);
-  StoreU16(out, msglen);
-  return out;
+  // The product's own codec: the peer frames bytes exactly as the client does.
+  char out[kHeaderLen];
+  cscomm::EncodeFrameHeader({m_reserved, m_cmd, s_cmd, msglen}, out);
+  return std::string(out, kHeaderLen);
 }
 
 std::string EncodeFrame(uint16_t m_cmd, uint16_t s_cmd, const std::string& body) {
@@ -198,10 +185,11 @@ bool PeerServer::ReadConn(Conn& conn) {
   while (in.size() - pos >= kHeaderLen) {
     const char* h = in.data() + pos;
     Frame f;
-    f.m_reserved = LoadU16(h);
-    f.m_cmd = LoadU16(h + 2);
-    f.s_cmd = LoadU16(h + 4);
-    f.msglen = LoadU16(h + 6);
+    const cscomm::FrameHeader header = cscomm::DecodeFrameHeader(h);
+    f.m_reserved = header.m_reserved;
+    f.m_cmd = header.m_cmd;
+    f.s_cmd = header.s_cmd;
+    f.msglen = header.msglen;
     if (in.size() - pos < kHeaderLen + f.msglen) break;
     f.body.assign(h + kHeaderLen, f.msglen);
     f.arrival = std::chrono::steady_clock::now();
