@@ -131,11 +131,20 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)
 
 # The package test builds its own copy of the package with the CPack
-# configuration above and looks inside it; a sanitizer build is no package.
-if(TOLVARIND_BUILD_TESTS AND TARGET tolvarind AND TOLVARIND_SANITIZE STREQUAL "")
-  add_test(NAME package_contents
-           COMMAND ${CMAKE_CURRENT_LIST_DIR}/test_package.sh ${PROJECT_BINARY_DIR} $<TARGET_FILE:tolvarind>
-                   ${CMAKE_INSTALL_PREFIX} ${TOLVARIND_SYSTEMD_UNIT_DIR} ${TOLVARIND_TMPFILES_DIR}
-                   ${TOLVARIND_LOG_DIR})
-  set_tests_properties(package_contents PROPERTIES TIMEOUT 120)
+# configuration above, runs lintian on it and looks inside it; a sanitizer
+# build is no package. `make package` runs the same checks through the target
+# checked_package, which keeps the package it checked in the build directory.
+if(TARGET tolvarind AND TOLVARIND_SANITIZE STREQUAL "")
+  set(TOLVARIND_PACKAGE_TEST
+      ${CMAKE_CURRENT_LIST_DIR}/test_package.sh ${PROJECT_BINARY_DIR} $<TARGET_FILE:tolvarind>
+      ${CMAKE_INSTALL_PREFIX} ${TOLVARIND_SYSTEMD_UNIT_DIR} ${TOLVARIND_TMPFILES_DIR}
+      ${TOLVARIND_LOG_DIR} ${TOLVARIND_CFS_DIR})
+  add_custom_target(checked_package
+                    COMMAND ${CMAKE_COMMAND} -E env KEEP_DEB=${PROJECT_BINARY_DIR} ${TOLVARIND_PACKAGE_TEST}
+                    USES_TERMINAL VERBATIM)
+  add_dependencies(checked_package tolvarind)
+  if(TOLVARIND_BUILD_TESTS)
+    add_test(NAME package_contents COMMAND ${TOLVARIND_PACKAGE_TEST})
+    set_tests_properties(package_contents PROPERTIES LABELS package TIMEOUT 180)
+  endif()
 endif()

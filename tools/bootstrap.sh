@@ -10,7 +10,7 @@ packages=(
   clang libclang-rt-14-dev
   valgrind
   iproute2 util-linux openssl curl
-  dpkg-dev file lintian
+  dpkg-dev file lintian man-db systemd
   "$@"
 )
 
