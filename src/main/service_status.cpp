@@ -6,8 +6,8 @@
 
 namespace {
 
-std::mutex g_mutex;     // guards g_last, and keeps the datagrams in call order
-std::string g_last;     // the status line last sent
+std::mutex g_mutex;  // guards g_last, and keeps the datagrams in call order
+std::string g_last;  // the status line last sent
 
 void Notify(const std::string& fields) {
   // unset_environment 0: NOTIFY_SOCKET stays for the next call. The
