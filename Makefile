@@ -48,11 +48,11 @@ demo: bootstrap
 	cmake --build $(BUILD_DIR) -j$(JOBS) --target tolvarind ventrald-sim
 	tools/demo/demo.sh $(BUILD_DIR)
 
-# The Debian package, written to $(BUILD_DIR) (docs/packaging.md).
+# The Debian package, written to $(BUILD_DIR) once lintian and the package
+# checks pass (packaging/test_package.sh, docs/packaging.md).
 package: bootstrap
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
-	cmake --build $(BUILD_DIR) -j$(JOBS) --target tolvarind
-	cd $(BUILD_DIR) && cpack
+	cmake --build $(BUILD_DIR) -j$(JOBS) --target checked_package
 
 # Benchmarks, never part of `make test`: a Release build with them, then all of
 # them, each beside its baseline (docs/benchmarks.md). BENCH_QUICK=1 for short runs.

@@ -5,12 +5,12 @@ set -euo pipefail
 
 packages=(
   cmake make g++ pkg-config
-  libgoogle-glog-dev libevent-dev libssl-dev libjson-c-dev
+  libgoogle-glog-dev libevent-dev libssl-dev libjson-c-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   valgrind
   iproute2 util-linux openssl curl
-  dpkg-dev file
+  dpkg-dev file lintian man-db systemd
   "$@"
 )
 

@@ -19,6 +19,7 @@
 #include "payloads.h"
 #include "policyanalyzer.h"
 #include "sdp_paths.h"
+#include "service_status.h"
 #include "tcp_client.h"
 #include "util.h"
 
@@ -33,6 +34,12 @@ constexpr int kHeartbeatsPerProbe = 5;
 
 // The peer answers every heartbeat; one line in five is enough to show it.
 EveryNSampler g_heartbeatReplyLog(5);
+
+// The service manager's status line while the channel is down.
+constexpr char kReconnectingStatus[] = "connection to the peer lost, reconnecting";
+std::string RegisteredStatus(const char* sandboxId) {
+  return std::string("registered with sandbox ") + sandboxId;
+}
 
 // True on the heartbeat thread.
 thread_local bool t_onHeartbeatThread = false;
@@ -85,6 +92,7 @@ bool tolvarind::init() {
   }
   if (m_sandboxId[0] == '\0') {
     LOG(ERROR) << "Read sandbox id error :" << sdp_paths::kSafespaceIni;
+    ServiceStatus(std::string("waiting for the sandbox id in ") + sdp_paths::kSafespaceIni);
     return false;
   }
 
@@ -115,15 +123,18 @@ bool tolvarind::init() {
     TerminationSignalsBlocked blocked;
     if (m_tcpClient->Init(option) < 1) {
       LOG(ERROR) << "initDaemonClient:" << sdp_paths::kDaemonSocket << " failed";
+      ServiceStatus(std::string("waiting for the peer's socket ") + sdp_paths::kDaemonSocket);
       return false;
     }
     if (RegisterToDaemon() < 0) {
       LOG(ERROR) << "Register To Daemon Error";
+      ServiceStatus("registration with the peer failed, retrying");
       return false;
     }
     if (!StartHeartbeat()) return false;
   }
   LOG(INFO) << "init finish..";
+  ServiceReady(RegisteredStatus(m_sandboxId));
   return true;
 }
 
@@ -146,8 +157,10 @@ void tolvarind::SendHeartBeat() {
   if (m_ipv6.empty()) m_ipv6 = netprobe::GetSystemIpv6();
   const std::string beat = payload::Heartbeat(m_sandboxId, m_ipv4, m_ipv6);
   LOG(INFO) << "send heart beat";
-  m_tcpClient->SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, beat.data(),
-                           static_cast<int>(beat.size()));
+  const int sent = m_tcpClient->SendMessage(MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, beat.data(),
+                                            static_cast<int>(beat.size()));
+  // A heartbeat is what shows a connection the reconnect thread made usable.
+  ServiceStatus(sent < 0 ? kReconnectingStatus : RegisteredStatus(m_sandboxId));
   if (m_heartCount >= kHeartbeatsPerProbe - 1) {
     m_ipv4.clear();
     m_ipv6.clear();
@@ -225,11 +238,17 @@ void tolvarind::run() {
 
   sdpmsg_t msg;
   std::memset(&msg, 0, sizeof(msg));
+  bool lost = false;  // the status line says so
   for (;;) {
     int len;
     // No pause here: the receive itself waits while there is no connection.
-    while ((len = m_tcpClient->RecvMessage(&msg)) < 0)
+    while ((len = m_tcpClient->RecvMessage(&msg)) < 0) {
       LOG(ERROR) << "daemon_client recv message failed, wailt reconnect";
+      if (!lost) ServiceStatus(kReconnectingStatus);
+      lost = true;
+    }
+    if (lost) ServiceStatus(RegisteredStatus(m_sandboxId));
+    lost = false;
 
     if (msg.m_cmd != MCMD_FROM_DAEMON) continue;
     LOG(INFO) << " got message from server cmd 0x:" << std::hex << msg.s_cmd;

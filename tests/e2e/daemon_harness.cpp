@@ -116,7 +116,7 @@ std::vector<std::vector<std::string>> RecordedCalls(const std::string& name) {
   return calls;
 }
 
-Daemon::Daemon() {
+Daemon::Daemon(const std::vector<std::string>& env) {
   static std::atomic<int> counter{0};
   const std::string base = "/tmp/daemon." + std::to_string(counter++);
   stderr_path_ = base + ".stderr";
@@ -138,8 +138,13 @@ Daemon::Daemon() {
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setsigdefault(&attr, &all);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  std::vector<std::string> vars = env;
+  for (char** e = environ; *e; ++e) vars.emplace_back(*e);
+  std::vector<char*> envp;
+  for (auto& v : vars) envp.push_back(v.data());
+  envp.push_back(nullptr);
   pid_t pid = -1;
-  if (posix_spawn(&pid, sh.c_str(), &actions, &attr, argv, environ) == 0) pid_ = pid;
+  if (posix_spawn(&pid, sh.c_str(), &actions, &attr, argv, envp.data()) == 0) pid_ = pid;
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
 }

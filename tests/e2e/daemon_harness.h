@@ -49,10 +49,11 @@ struct LogLine {
 
 // The real daemon, with stdin from /dev/null, stdout and stderr into files
 // under /tmp, PATH starting with kFakeBinDir, default signal dispositions and
-// no other inherited descriptor. The destructor SIGKILLs and reaps it.
+// no other inherited descriptor. `env` ("NAME=value") is added to the
+// environment it inherits. The destructor SIGKILLs and reaps it.
 class Daemon {
  public:
-  Daemon();
+  explicit Daemon(const std::vector<std::string>& env = {});
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
