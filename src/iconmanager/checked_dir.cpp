@@ -120,7 +120,8 @@ Outcome WriteAt(const CheckedDir& dir, const std::string& name, const std::strin
     *why = "cannot act as uid " + std::to_string(dir.authority().uid);
     return Outcome::kRefused;
   }
-  const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | (exclusive ? O_EXCL : 0);
+  const int flags =
+      O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | (exclusive ? O_EXCL : 0);
   util::UniqueFd fd(openat(dir.fd(), name.c_str(), flags, 0644));
   if (!fd) {
     *err = errno;

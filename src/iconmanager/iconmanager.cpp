@@ -126,6 +126,23 @@ std::string DesktopEntryText(const SAppDesktop& desk) {
   return text;
 }
 
+std::vector<std::string> RecordLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t pos = 0; pos < text.size();) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(pos, end - pos));
+    pos = end + 1;
+  }
+  return lines;
+}
+
+std::string RecordText(const std::vector<std::string>& paths) {
+  std::string text;
+  for (const std::string& path : paths) text += path + '\n';
+  return text;
+}
+
 SAppDesktop ResourceLauncher(const SAppDesktop& resource) {
   const std::string& source = resource.exec;
   char exec[1024];
@@ -196,24 +213,18 @@ bool IconManager::writeExecShell(const std::string& path, std::string content) {
 void IconManager::saveAppNameToFile() {
   FilePtr out(std::fopen(recordFile.c_str(), "we"));
   if (!out) return;
-  for (const std::string& name : appNames) {
-    std::fwrite(name.data(), 1, name.size(), out.get());
-    std::fputc('\n', out.get());
-  }
+  const std::string text = iconmanager::RecordText(appNames);
+  std::fwrite(text.data(), 1, text.size(), out.get());
 }
 
 void IconManager::loadAppNameFromFile() {
   FilePtr in(std::fopen(recordFile.c_str(), "re"));
   if (!in) return;
-  char* raw = nullptr;
-  size_t capacity = 0;
-  ssize_t n;
-  while ((n = getline(&raw, &capacity, in.get())) >= 0) {
-    std::string line(raw, static_cast<size_t>(n));
-    if (!line.empty() && line.back() == '\n') line.pop_back();
-    appNames.push_back(line);
-  }
-  std::free(raw);
+  std::string text;
+  char buf[8192];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, in.get())) > 0) text.append(buf, n);
+  for (std::string& line : iconmanager::RecordLines(text)) appNames.push_back(std::move(line));
 }
 
 bool IconManager::cleanAppNames() {
@@ -248,8 +259,8 @@ std::string IconManager::_getDesktopPath() {
   struct stat st {};
   if (homeDir.Open(home, &why)) {
     launcherfs::ActingAs as(homeDir.authority());
-    if (as.ok() && fstatat(homeDir.fd(), sdp_paths::kUserDesktopDir + 1, &st,
-                           AT_SYMLINK_NOFOLLOW) == 0)
+    if (as.ok() &&
+        fstatat(homeDir.fd(), sdp_paths::kUserDesktopDir + 1, &st, AT_SYMLINK_NOFOLLOW) == 0)
       return home + sdp_paths::kUserDesktopDir;
   }
   return home + sdp_paths::kUserDesktopDirZh;

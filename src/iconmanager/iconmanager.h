@@ -46,8 +46,6 @@ class IconManager {
   void iconInit(const std::vector<SAppInfo>& apps);
 
  private:
-  friend class IconManagerTestPeer;
-
   IconManager() = default;
 
   // "" when no user is configured.
@@ -70,6 +68,11 @@ namespace iconmanager {
 
 // The exact bytes writeDesktopFile writes for `desk`.
 std::string DesktopEntryText(const SAppDesktop& desk);
+
+// The record file's entries: one per line, a last line without a line end
+// included, nothing trimmed; and the text that holds `paths`, each ended.
+std::vector<std::string> RecordLines(const std::string& text);
+std::string RecordText(const std::vector<std::string>& paths);
 
 // The thirteen lines of a resource's launcher, from a record as read from the
 // resource list (`exec` holds the source id, `name` the display name).

@@ -13,17 +13,6 @@
 #include "log_capture.h"
 #include "sdp_paths.h"
 
-// Reaches the private steps; each test makes its own instance, as a fresh
-// process would.
-class IconManagerTestPeer {
- public:
-  IconManager m;
-  std::string DesktopPath() { return m._getDesktopPath(); }
-  void ClearDesktop() { m._clearDesktop(); }
-  std::vector<std::string>& AppNames() { return m.appNames; }
-  std::string& RecordFile() { return m.recordFile; }
-};
-
 namespace {
 
 using Lines = std::vector<std::string>;
@@ -60,70 +49,55 @@ Lines Record() {
   return lines;
 }
 
+IconManager& Icons() { return IconManager::getIns(); }
+
 TEST(LauncherFiles, EntriesAndScriptsReplaceTheFileWithMode0755) {
-  IconManagerTestPeer peer;
   SAppDesktop desk{"c", "m", "e", "x", "i", "n", "s", "t", "ty", "v", "sn", "a", "cb", "id"};
   WriteFile("/tmp/a.desktop", std::string(500, 'z'));
   chmod("/tmp/a.desktop", 0600);
-  EXPECT_TRUE(peer.m.writeDesktopFile("/tmp/a.desktop", desk));
+  EXPECT_TRUE(Icons().writeDesktopFile("/tmp/a.desktop", desk));
   EXPECT_EQ("[Desktop Entry]\nc\nm\ne\nx\ni\nn\nt\nty\nv\nsn\na\ncb\nid\n",
             ReadFile("/tmp/a.desktop"));
   EXPECT_EQ(0755u, Mode("/tmp/a.desktop"));
-  EXPECT_TRUE(peer.m.writeExecShell("/tmp/run.sh", ""));
+  EXPECT_TRUE(Icons().writeExecShell("/tmp/run.sh", ""));
   EXPECT_EQ("#!/bin/sh\n\n", ReadFile("/tmp/run.sh"));
   EXPECT_EQ(0755u, Mode("/tmp/run.sh"));
 
   testsupport::LogCapture capture;
-  EXPECT_FALSE(peer.m.writeDesktopFile("/tmp/no/a.desktop", desk));
-  EXPECT_FALSE(peer.m.writeExecShell("/tmp/no/run.sh", "echo"));
+  EXPECT_FALSE(Icons().writeDesktopFile("/tmp/no/a.desktop", desk));
+  EXPECT_FALSE(Icons().writeExecShell("/tmp/no/run.sh", "echo"));
   EXPECT_EQ(Lines{"write shell info,exec file write failed!! , /tmp/no/run.sh"}, capture.texts());
 }
 
-TEST(RecordFile, SavesAndAppendsOnlyOnceNamed) {
-  IconManagerTestPeer peer;
-  peer.AppNames() = {"x"};
-  peer.m.saveAppNameToFile();  // no record file named yet: nothing happens
-  EXPECT_FALSE(fs::exists(sdp_paths::kRecordOldAppNames));
-
-  peer.RecordFile() = sdp_paths::kRecordOldAppNames;  // as start-up names it
-  WriteFile(sdp_paths::kRecordOldAppNames, "a\n\nb");
-  peer.m.loadAppNameFromFile();
-  peer.m.loadAppNameFromFile();
-  EXPECT_EQ((Lines{"x", "a", "", "b", "a", "", "b"}), peer.AppNames());
-  peer.m.saveAppNameToFile();
-  EXPECT_EQ("x\na\n\nb\na\n\nb\n", ReadFile(sdp_paths::kRecordOldAppNames));
-  EXPECT_TRUE(peer.m.cleanAppNames());
-  EXPECT_TRUE(peer.AppNames().empty());
-  EXPECT_EQ("", ReadFile(sdp_paths::kRecordOldAppNames));
-}
-
-TEST(DesktopPath, FollowsTheConfiguredUser) {
-  IconManagerTestPeer peer;
-  testsupport::LogCapture capture;
-  EXPECT_EQ("", peer.DesktopPath());
-  EXPECT_TRUE(capture.has("get systemName:", google::GLOG_WARNING));
-  WriteFile(sdp_paths::kUserinfoIni, "[UserInfo]\nSysUserName = alice\r\n");
-  EXPECT_EQ("/home/alice/桌面", peer.DesktopPath());  // not checked to exist
-  fs::create_directories(kDesk);
-  EXPECT_EQ("/home/alice/Desktop", peer.DesktopPath());
-}
-
-TEST(ClearDesktop, RemovesRecordedFilesAndEmptiesTheRecord) {
+// Start-up (iconInit) removes what the record lists, then names and empties it.
+TEST(RecordFile, StartUpRemovesTheRecordedFilesThenLoadAndSaveKeepEveryLine) {
   WriteFile(kDesk + "x.desktop", "d");
   WriteFile(kApps + "x.desktop", "a");
   WriteFile("/tmp/full/f", "keep");
   WriteFile(sdp_paths::kRecordOldAppNames, kDesk + "x.desktop\n" + kDesk + "x.desktop\n" +
                                                "/tmp/gone\n/tmp/full\n\n" + kApps + "x.desktop\n");
-  IconManagerTestPeer peer;
   testsupport::LogCapture capture;
-  peer.ClearDesktop();
+  Icons().iconInit({});
   EXPECT_FALSE(fs::exists(kDesk + "x.desktop") || fs::exists(kApps + "x.desktop"));
-  EXPECT_EQ((Lines{"rm file:" + kDesk + "x.desktop",
-                   "rm file failed !:/tmp/full error: Directory not empty",
-                   "rm file:" + kApps + "x.desktop"}),
-            capture.texts());
+  const Lines removals = {"rm file:" + kDesk + "x.desktop",
+                          "rm file failed !:/tmp/full error: Directory not empty",
+                          "rm file:" + kApps + "x.desktop"};
+  const Lines logged = capture.texts();
+  ASSERT_GE(logged.size(), removals.size());
+  EXPECT_EQ(removals, Lines(logged.begin(), logged.begin() + 3));
   EXPECT_EQ("", ReadFile(sdp_paths::kRecordOldAppNames));
-  EXPECT_TRUE(peer.AppNames().empty());
+
+  WriteFile(sdp_paths::kRecordOldAppNames, "a\n\nb");
+  Icons().loadAppNameFromFile();
+  Icons().loadAppNameFromFile();
+  Lines names;
+  EXPECT_TRUE(Icons().getAppNames(names));
+  EXPECT_EQ((Lines{"a", "", "b", "a", "", "b"}), names);
+  Icons().saveAppNameToFile();
+  EXPECT_EQ("a\n\nb\na\n\nb\n", ReadFile(sdp_paths::kRecordOldAppNames));
+  EXPECT_TRUE(Icons().cleanAppNames());
+  EXPECT_TRUE(Icons().getAppNames(names) && names.empty());
+  EXPECT_EQ("", ReadFile(sdp_paths::kRecordOldAppNames));
 }
 
 SAppDesktop Resource(const char* name, const char* source) {
@@ -142,16 +116,15 @@ class LauncherPlacement : public testing::Test {
     WriteFile(sdp_paths::kUserinfoIni, kUserinfo);
     fs::create_directories(kDesk);
     fs::create_directories(sdp_paths::kInstallDir);
-    peer.ClearDesktop();
+    Icons().iconInit({});  // names the record file
   }
-  IconManagerTestPeer peer;
   testsupport::LogCapture capture;
 };
 
 TEST_F(LauncherPlacement, ResourcesWithAddressAndBrowserGetBothFilesRecordedEachTime) {
   std::vector<SAppDesktop> resources{Resource("Mail", "mail01"), Resource("Wiki", "wiki01"),
                                      Resource("Mail 2", "mail01")};
-  EXPECT_TRUE(peer.m.produceDesktopFile(resources));
+  EXPECT_TRUE(Icons().produceDesktopFile(resources));
   // The second resource of the same source overwrites the first's files.
   const std::string text =
       "[Desktop Entry]\n"
@@ -180,17 +153,33 @@ TEST_F(LauncherPlacement, ResourcesWithAddressAndBrowserGetBothFilesRecordedEach
   EXPECT_EQ("mail01", resources[0].exec);  // the caller's records are not touched
 
   WriteFile(sdp_paths::kUserinfoIni, "[UserInfo]\nSysUserName=alice\n[Aum]\nmail01=https://m\n");
-  EXPECT_TRUE(peer.m.produceDesktopFile(resources));
+  EXPECT_TRUE(Icons().produceDesktopFile(resources));
   EXPECT_TRUE(capture.has("get desktop info failed!,url: https://m brower: ", google::GLOG_ERROR));
   EXPECT_EQ(twice, Record());
+}
+
+TEST_F(LauncherPlacement, WithoutAUserOrADesktopNothingIsWrittenThere) {
+  WriteFile(sdp_paths::kUserinfoIni,
+            "[Aum]\nmail01=https://m\n[CustomJumpPolicy]\nJumpBrowser=v\n");
+  std::vector<SAppDesktop> resources{Resource("Mail", "mail01")};
+  EXPECT_TRUE(Icons().produceDesktopFile(resources));
+  EXPECT_TRUE(capture.has("get systemName:", google::GLOG_WARNING));
+  EXPECT_TRUE(capture.has("desktop produce failed ! /mail01.desktop", google::GLOG_WARNING));
+  EXPECT_FALSE(fs::exists("/mail01.desktop"));
+  EXPECT_EQ(Lines{}, Record());
+  // Blanks and a CR around the name are the INI reader's to trim.
+  WriteFile(sdp_paths::kUserinfoIni,
+            "[UserInfo]\nSysUserName = alice\r\n" + kUserinfo.substr(kUserinfo.find("[Aum]")));
+  EXPECT_TRUE(Icons().produceDesktopFile(resources));
+  EXPECT_TRUE(fs::exists(kDesk + "mail01.desktop"));
 }
 
 TEST_F(LauncherPlacement, FilesThatCouldNotBeWrittenStayRecordedAndAreNotCopied) {
   fs::remove(kDesk);  // and "桌面" is missing too
   WriteFile(kApps + "foo.desktop", "system foo");
   std::vector<SAppDesktop> resources{Resource("Mail", "mail01")};
-  peer.m.iconInit({White(1, "foo")});
-  EXPECT_TRUE(peer.m.produceDesktopFile(resources));
+  Icons().iconInit({White(1, "foo")});
+  EXPECT_TRUE(Icons().produceDesktopFile(resources));
   EXPECT_TRUE(
       capture.has("copy fail, app path: /usr/share/applications//foo.desktop", google::GLOG_ERROR));
   EXPECT_TRUE(capture.has("opendir error", google::GLOG_ERROR));
@@ -210,9 +199,9 @@ TEST_F(LauncherPlacement, WhitelistPlacesFoundAndClientEntriesButNothingElse) {
   fs::create_directories(kClient + "folder.desktop");
   WriteFile(kDesk + "foo.desktop", "the user's own");
 
-  peer.m.iconInit({White(1, "/usr/bin/foo"), White(1, "saipra"), White(1, "deepin-draw"),
-                   White(2, "bar"), White(0, "bar"), White(1, "shared"), White(1, "missing"),
-                   White(1, "saipra.desktop")});
+  Icons().iconInit({White(1, "/usr/bin/foo"), White(1, "saipra"), White(1, "deepin-draw"),
+                    White(2, "bar"), White(0, "bar"), White(1, "shared"), White(1, "missing"),
+                    White(1, "saipra.desktop")});
   EXPECT_EQ("the user's own", ReadFile(kDesk + "foo.desktop"));
   EXPECT_EQ("system saipra.desktop", ReadFile(kDesk + "saipra.desktop.desktop"));
   EXPECT_EQ("client shared.desktop", ReadFile(kDesk + "shared.desktop"));

@@ -2,8 +2,8 @@
 // alice, who owns /home/alice, plants links, FIFOs and swaps there, or names
 // herself so that her name leaves the homes or ends a shell word. Nothing
 // outside her desktop may change, and the daemon must still serve the peer.
-#include <gtest/gtest.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -34,7 +34,8 @@ const uid_t kAlice = testsupport::kDesktopUid;
 bool AsAlice(const std::function<bool()>& fn) {
   const pid_t pid = fork();
   if (pid == 0) {
-    const bool ok = setgroups(0, nullptr) == 0 && setgid(kAlice) == 0 && setuid(kAlice) == 0 && fn();
+    const bool ok =
+        setgroups(0, nullptr) == 0 && setgid(kAlice) == 0 && setuid(kAlice) == 0 && fn();
     _exit(ok ? 0 : 1);
   }
   int status = 0;
@@ -46,8 +47,7 @@ bool AsAlice(const std::function<bool()>& fn) {
 std::string Fingerprint(const std::string& path) {
   struct stat st {};
   if (lstat(path.c_str(), &st) != 0) return "<none>";
-  return std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + " " +
-         e2e::ReadFile(path);
+  return std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + " " + e2e::ReadFile(path);
 }
 
 class HomeAttack : public ::testing::Test {
@@ -57,8 +57,8 @@ class HomeAttack : public ::testing::Test {
     e2e::MakeDirs(kDesk);
     ASSERT_EQ(chown(kHome.c_str(), kAlice, kAlice), 0);
     ASSERT_EQ(chown(kDesk.c_str(), kAlice, kAlice), 0);
-    e2e::WriteFile(sdp_paths::kResourceJson, Resources({"res1", "res2", "res3", "res4",
-                                                        "../../../opt/trav", "ok"}));
+    e2e::WriteFile(sdp_paths::kResourceJson,
+                   Resources({"res1", "res2", "res3", "res4", "../../../opt/trav", "ok"}));
     std::string aum;
     for (const char* s : {"res1", "res2", "res3", "res4", "../../../opt/trav", "ok"})
       aum += std::string(s) + "=https://" + s + "\n";
@@ -71,16 +71,20 @@ class HomeAttack : public ::testing::Test {
     e2e::MakeDirs("/opt/victimdir");
     e2e::WriteFile("/opt/victimdir/ok.desktop", "keep\n", 0600);
     e2e::WriteFile("/opt/victimdir/client.desktop", "keep\n", 0600);
-    outside_ = {"/opt/victim", "/opt/victimdir/ok.desktop", "/opt/victimdir/client.desktop",
-                "/opt/dangle", "/opt/trav.desktop", "/tmp/pwned", "/opt/evil/Desktop/ok.desktop"};
+    outside_ = {"/opt/victim",
+                "/opt/victimdir/ok.desktop",
+                "/opt/victimdir/client.desktop",
+                "/opt/dangle",
+                "/opt/trav.desktop",
+                "/tmp/pwned",
+                "/opt/evil/Desktop/ok.desktop"};
     for (const auto& p : outside_) before_[p] = Fingerprint(p);
   }
 
   static std::string Resources(std::initializer_list<const char*> sources) {
     std::string json = R"({"GatewayConfig":[)";
     for (const char* s : sources)
-      json += std::string(R"({"isCreateIconInSandbox":1,"AppName":"App","source":")") + s +
-              "\"},";
+      json += std::string(R"({"isCreateIconInSandbox":1,"AppName":"App","source":")") + s + "\"},";
     json.back() = ']';
     return json + "}";
   }
@@ -109,9 +113,7 @@ class HomeAttack : public ::testing::Test {
   void ExpectOutsideUnchanged() {
     for (const auto& p : outside_) EXPECT_EQ(Fingerprint(p), before_[p]) << p;
   }
-  int Refusals(const std::string& what) {
-    return daemon_->Count("refused " + what, "error");
-  }
+  int Refusals(const std::string& what) { return daemon_->Count("refused " + what, "error"); }
 
   std::string userinfo_tail_;
   std::vector<std::string> outside_;

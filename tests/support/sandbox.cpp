@@ -47,24 +47,22 @@ void Ip(const std::string& args) {
 void PrivateAccounts() {
   const std::string dir = "/tmp/.sandbox-etc";
   if (mkdir(dir.c_str(), 0755) != 0) Die("mkdir " + dir);
-  const std::string passwd = "root:x:0:0:root:/root:/bin/sh\n" +
-                             std::string(kDesktopUser) + ":x:" + std::to_string(kDesktopUid) +
-                             ":" + std::to_string(kDesktopUid) + "::/home/" + kDesktopUser +
+  const std::string passwd = "root:x:0:0:root:/root:/bin/sh\n" + std::string(kDesktopUser) +
+                             ":x:" + std::to_string(kDesktopUid) + ":" +
+                             std::to_string(kDesktopUid) + "::/home/" + kDesktopUser +
                              ":/bin/sh\n" + kOtherUser + ":x:" + std::to_string(kOtherUid) + ":" +
                              std::to_string(kOtherUid) + "::/home/" + kOtherUser +
                              ":/bin/sh\nnobody:x:65534:65534:nobody:/nonexistent:/bin/false\n";
-  const std::string group = "root:x:0:\n" + std::string(kDesktopUser) + ":x:" +
-                            std::to_string(kDesktopUid) + ":\n" + kOtherUser + ":x:" +
-                            std::to_string(kOtherUid) + ":\n" + kDesktopExtraGroup + ":x:" +
-                            std::to_string(kDesktopExtraGid) + ":" + kDesktopUser +
-                            "\nnogroup:x:65534:\n";
+  const std::string group =
+      "root:x:0:\n" + std::string(kDesktopUser) + ":x:" + std::to_string(kDesktopUid) + ":\n" +
+      kOtherUser + ":x:" + std::to_string(kOtherUid) + ":\n" + kDesktopExtraGroup +
+      ":x:" + std::to_string(kDesktopExtraGid) + ":" + kDesktopUser + "\nnogroup:x:65534:\n";
   for (const auto& [name, text] : {std::pair<std::string, std::string>{"passwd", passwd},
                                    std::pair<std::string, std::string>{"group", group}}) {
     const std::string path = dir + "/" + name;
     WriteProcFile(path.c_str(), text);
     const std::string target = "/etc/" + name;
-    if (mount(path.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
-      Die("bind " + target);
+    if (mount(path.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) Die("bind " + target);
   }
 }
 

@@ -30,7 +30,7 @@ inline constexpr char kDesktopUser[] = "alice";  // owns /home/alice
 inline constexpr unsigned kDesktopUid = 1000;    // gid too
 inline constexpr char kDesktopExtraGroup[] = "deskgroup";
 inline constexpr unsigned kDesktopExtraGid = 1500;  // alice's supplementary group
-inline constexpr char kOtherUser[] = "mallory";  // another local user
+inline constexpr char kOtherUser[] = "mallory";     // another local user
 inline constexpr unsigned kOtherUid = 1001;
 
 // True when this process may enter the kRealRoot sandbox.

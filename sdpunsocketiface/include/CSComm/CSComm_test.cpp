@@ -39,8 +39,8 @@ TEST(FrameCodec, BuildsTheWireImageCutsOutOfRangeBodiesAndDecodesHeaders) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     bool cut = !c.cut;
-    const int total = cscomm::BuildFrame(frame.get(), MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, c.data,
-                                         c.len, &cut);
+    const int total =
+        cscomm::BuildFrame(frame.get(), MCMD_TO_DAEMON, SDP_PROTO_HEARTBEAT, c.data, c.len, &cut);
     EXPECT_EQ(total, SDPMSG_HEAD_LEN + c.body);
     EXPECT_EQ(cut, c.cut);
     EXPECT_EQ(Wire(*frame, total), c.header + std::string(c.data, static_cast<size_t>(c.body)));
