@@ -21,6 +21,7 @@ struct Options {
   int idleSeconds = 60;    // footprint: idle period measured
   int httpsSeconds = 10;   // https: length of each load run
   int items = 0;           // launchers: one size only instead of 10, 100 and 1000
+  int outageSeconds = 20;  // outage: how long the peer stays away
 };
 
 // The real daemon binary started against a test peer listening on the
@@ -57,6 +58,7 @@ struct Daemon {
 bool RunDispatch(const Options& opt);
 bool RunLatency(const Options& opt);
 bool RunFootprint(const Options& opt);
+bool RunOutage(const Options& opt);
 bool RunLaunchers(const Options& opt);
 bool RunHttps(const Options& opt);
 
