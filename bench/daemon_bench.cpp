@@ -390,10 +390,6 @@ bool RunFootprint(const Options& opt) {
   return true;
 }
 
-namespace {
-
-// Bytes in the log files of process `pid` (all severities), and in all of
-// the daemon's log files of the directory (those of earlier runs included).
 std::pair<uint64_t, uint64_t> LogBytes(pid_t pid) {
   const std::string suffix = "." + std::to_string(pid);
   uint64_t own = 0, all = 0;
@@ -414,8 +410,6 @@ std::pair<uint64_t, uint64_t> LogBytes(pid_t pid) {
   }
   return {own, all};
 }
-
-}  // namespace
 
 bool RunOutage(const Options& opt) {
   constexpr int kRestSeconds = 10;

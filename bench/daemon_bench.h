@@ -4,9 +4,13 @@
 // (bench_report.h) and returns false only when it could not measure.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon_run.h"
@@ -54,6 +58,10 @@ struct Daemon {
   std::vector<benchrun::LogLine> lines;
   int64_t spawnMicros = 0;              // time of day of the spawn, as in log headers
 };
+
+// Bytes in the log files of daemon `pid` (all severities), and in all of the
+// daemon's log files of the directory (those of earlier runs included).
+std::pair<uint64_t, uint64_t> LogBytes(pid_t pid);
 
 bool RunDispatch(const Options& opt);
 bool RunLatency(const Options& opt);

@@ -3,6 +3,7 @@
 #include <glog/logging.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -77,7 +78,7 @@ void StartTerminationSignalThread(std::function<void()> chore, std::chrono::seco
         const auto now = std::chrono::steady_clock::now();
         if (now >= due) {
           chore();
-          due = now + period;
+          due = now + std::max(period, std::chrono::seconds(1));
           continue;
         }
         const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(due - now).count();
