@@ -82,6 +82,8 @@ int Sweep(const std::string& dir, const std::vector<std::string>& prefixes, uint
     int removed = 0;
     for (const File* f : old) {
       if (total <= budgetBytes) break;
+      // One that cannot go is passed over without a line: the next sweep, ten
+      // seconds on, would repeat it for as long as the cause lasts.
       if (unlinkat(dirfd, f->name.c_str(), 0) != 0) continue;
       total -= f->size;
       ++removed;
