@@ -5,15 +5,19 @@
 //   latency    769 frame sent -> the command's first action, beside a bare
 //              fork/exec of the same shell command
 //   footprint  resident memory after start-up and CPU over an idle period
+//   outage     log bytes and CPU at rest and while the peer is away, and the
+//              time to reconnect once it is back
 //   launchers  start-up to the end of the launcher rebuild, 10/100/1000 items
 //   https      (https_bench.cpp) the loopback HTTPS relay beside nginx
 //   all        every one of them
 //
 // Usage: daemon_bench <what> [--frames N] [--commands N] [--idle-seconds S]
 //                            [--https-seconds S] [--rounds N] [--items N]
+//                            [--outage-seconds S]
 #include <dirent.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <poll.h>
 #include <unistd.h>
@@ -36,6 +40,7 @@
 #include "daemon_run.h"
 #include "peer_server.h"
 #include "sandbox.h"
+#include "sandbox_log.h"
 #include "sdp_paths.h"
 
 extern char** environ;
@@ -385,6 +390,99 @@ bool RunFootprint(const Options& opt) {
   return true;
 }
 
+std::pair<uint64_t, uint64_t> LogBytes(pid_t pid) {
+  const std::string suffix = "." + std::to_string(pid);
+  uint64_t own = 0, all = 0;
+  if (DIR* d = opendir(sdp_paths::kLogDir)) {
+    while (dirent* e = readdir(d)) {
+      const std::string name = e->d_name;
+      struct stat st;
+      if (name.rfind("tolvarind.", 0) != 0 ||
+          lstat((std::string(sdp_paths::kLogDir) + "/" + name).c_str(), &st) != 0 ||
+          !S_ISREG(st.st_mode))
+        continue;
+      all += static_cast<uint64_t>(st.st_size);
+      if (name.size() > suffix.size() &&
+          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
+        own += static_cast<uint64_t>(st.st_size);
+    }
+    closedir(d);
+  }
+  return {own, all};
+}
+
+bool RunOutage(const Options& opt) {
+  constexpr int kRestSeconds = 10;
+  constexpr char kLostLine[] = "daemon_client recv message failed, wailt reconnect";
+  std::printf("\n== Peer outage: %d s at rest, then %d s with the peer gone, then its return ==\n",
+              kRestSeconds, opt.outageSeconds);
+  Daemon d;
+  if (!d.Start(true) || !d.WaitLoop()) return false;
+  const pid_t pid = d.proc->pid();
+  struct Sample {
+    double t, cpu;
+    uint64_t bytes;
+  };
+  auto sample = [pid] {
+    return Sample{benchrun::MonoSeconds(), benchrun::RunSeconds(pid), LogBytes(pid).first};
+  };
+  auto rates = [](const Sample& a, const Sample& b, double* bps, double* pct) {
+    *bps = static_cast<double>(b.bytes - a.bytes) / (b.t - a.t);
+    *pct = (b.cpu - a.cpu) / (b.t - a.t) * 100.0;
+  };
+
+  const Sample rest0 = sample();
+  std::this_thread::sleep_for(std::chrono::seconds(kRestSeconds));
+  const Sample rest1 = sample();
+  d.log.Poll();  // what came before the outage
+
+  // The peer goes as a crashed one does: socket closed and its file gone.
+  const uint64_t accepted = d.peer.AcceptedCount();
+  const Sample out0 = sample();
+  d.peer.StopListening();
+  d.peer.CloseAllConnections();
+  std::this_thread::sleep_for(std::chrono::seconds(opt.outageSeconds));
+  const Sample out1 = sample();
+  size_t lost = 0;
+  for (const auto& l : d.log.Poll())
+    if (StartsWith(l.text, kLostLine)) ++lost;
+
+  const double back = benchrun::MonoSeconds();
+  if (!d.peer.Restart()) return false;
+  if (!benchrun::WaitUntil([&] { return d.peer.AcceptedCount() > accepted; }, 10000ms, 1ms)) {
+    std::fprintf(stderr, "the daemon did not reconnect within 10 s\n");
+    return false;
+  }
+  const double reconnectMs = (benchrun::MonoSeconds() - back) * 1e3;
+  if (!d.WaitLoop()) {
+    std::fprintf(stderr, "no command served after the reconnection\n");
+    return false;
+  }
+  const uint64_t dirBytes = LogBytes(pid).second;
+
+  double restBps, restPct, outBps, outPct;
+  rates(rest0, rest1, &restBps, &restPct);
+  rates(out0, out1, &outBps, &outPct);
+  const double outSeconds = out1.t - out0.t;
+  std::printf("%-22s %12s %14s %12s\n", "", "log B/s", "CPU % of core", "loss lines/s");
+  std::printf("%-22s %12.1f %14.4f %12s\n", "at rest (heartbeats)", restBps, restPct, "");
+  std::printf("%-22s %12.1f %14.4f %12.2f\n", "peer gone", outBps, outPct, lost / outSeconds);
+  std::printf("reconnected %.0f ms after the peer listened again; log directory %.1f MiB of "
+              "%.0f MiB\n",
+              reconnectMs, dirBytes / 1048576.0, kLogBudgetBytes / 1048576.0);
+  Result("outage", "rest_s=" + Fmt("%.1f", rest1.t - rest0.t) + " rest_log_bps=" +
+                       Fmt("%.1f", restBps) + " rest_cpu_pct=" + Fmt("%.4f", restPct) +
+                       " outage_s=" + Fmt("%.1f", outSeconds) + " outage_log_bps=" +
+                       Fmt("%.1f", outBps) + " outage_cpu_pct=" + Fmt("%.4f", outPct) +
+                       " loss_lines=" + std::to_string(lost) + " reconnect_ms=" +
+                       Fmt("%.0f", reconnectMs) + " logdir_bytes=" + std::to_string(dirBytes));
+  Verdict("outage", outBps < 1024, "logs during an outage < 1 KB/s");
+  Verdict("outage", outPct < 0.5, "CPU during an outage < 0.5 % of one core");
+  Verdict("outage", reconnectMs <= 1500, "reconnection within 1.5 s of the peer's return");
+  Verdict("outage", dirBytes <= kLogBudgetBytes, "log directory within its budget");
+  return true;
+}
+
 namespace {
 
 constexpr char kBenchUser[] = "benchuser";
@@ -503,8 +601,9 @@ int main(int argc, char** argv) {
   using namespace benchd;
   if (argc < 2) {
     std::fprintf(stderr,
-                 "usage: %s dispatch|latency|footprint|launchers|https|all [--frames N] "
-                 "[--commands N] [--idle-seconds S] [--https-seconds S] [--rounds N] [--items N]\n",
+                 "usage: %s dispatch|latency|footprint|outage|launchers|https|all [--frames N] "
+                 "[--commands N] [--idle-seconds S] [--https-seconds S] [--rounds N] [--items N] "
+                 "[--outage-seconds S]\n",
                  argv[0]);
     return 2;
   }
@@ -523,6 +622,7 @@ int main(int argc, char** argv) {
     else if (key == "--https-seconds") opt.httpsSeconds = static_cast<int>(v);
     else if (key == "--rounds") opt.rounds = static_cast<int>(v);
     else if (key == "--items") opt.items = static_cast<int>(v);
+    else if (key == "--outage-seconds") opt.outageSeconds = static_cast<int>(v);
     else {
       std::fprintf(stderr, "unknown option %s\n", key.c_str());
       return 2;
@@ -535,7 +635,7 @@ int main(int argc, char** argv) {
 
   const std::vector<std::pair<std::string, bool (*)(const Options&)>> all = {
       {"dispatch", RunDispatch}, {"latency", RunLatency}, {"footprint", RunFootprint},
-      {"launchers", RunLaunchers}, {"https", RunHttps}};
+      {"outage", RunOutage}, {"launchers", RunLaunchers}, {"https", RunHttps}};
   bool ran = false, ok = true;
   for (const auto& [name, fn] : all) {
     if (what != "all" && what != name) continue;

@@ -4,9 +4,13 @@
 // (bench_report.h) and returns false only when it could not measure.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon_run.h"
@@ -21,6 +25,7 @@ struct Options {
   int idleSeconds = 60;    // footprint: idle period measured
   int httpsSeconds = 10;   // https: length of each load run
   int items = 0;           // launchers: one size only instead of 10, 100 and 1000
+  int outageSeconds = 20;  // outage: how long the peer stays away
 };
 
 // The real daemon binary started against a test peer listening on the
@@ -54,9 +59,14 @@ struct Daemon {
   int64_t spawnMicros = 0;              // time of day of the spawn, as in log headers
 };
 
+// Bytes in the log files of daemon `pid` (all severities), and in all of the
+// daemon's log files of the directory (those of earlier runs included).
+std::pair<uint64_t, uint64_t> LogBytes(pid_t pid);
+
 bool RunDispatch(const Options& opt);
 bool RunLatency(const Options& opt);
 bool RunFootprint(const Options& opt);
+bool RunOutage(const Options& opt);
 bool RunLaunchers(const Options& opt);
 bool RunHttps(const Options& opt);
 

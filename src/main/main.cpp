@@ -34,7 +34,8 @@ int main(int argc, char** argv) {
     if (std::strcmp(argv[i], "--https-endpoint") == 0) https_endpoint = true;
   SandboxLOG logging(argc > 0 && argv[0] ? argv[0] : "tolvarind");
   setupSignal();
-  StartTerminationSignalThread();
+  // The signal thread also keeps the log directory within its budget.
+  StartTerminationSignalThread(SweepLogDirectory, kLogSweepInterval);
   auto client = std::make_unique<tolvarind>();
   g_client = client.get();
   std::atexit(QuiesceClientAtExit);

@@ -3,9 +3,11 @@
 #include <glog/logging.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <system_error>
 #include <thread>
 
@@ -51,7 +53,7 @@ sigset_t TerminationSignals() {
   return set;
 }
 
-void StartTerminationSignalThread() {
+void StartTerminationSignalThread(std::function<void()> chore, std::chrono::seconds period) {
   // glog takes a lock for every line and aborts when a thread takes it twice:
   // a handler that logs on a thread the signal caught in the middle of a line
   // ends the process with SIGABRT instead of status 0. Blocked everywhere and
@@ -60,15 +62,30 @@ void StartTerminationSignalThread() {
   const sigset_t set = TerminationSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   try {
-    std::thread([set] {
+    std::thread([set, chore = std::move(chore), period] {
       // Every other signal is for the rest of the process: a crash signal
       // sent from outside must reach a thread that is not parked in sigwait.
       sigset_t all;
       sigfillset(&all);
       pthread_sigmask(SIG_BLOCK, &all, nullptr);
+      auto due = std::chrono::steady_clock::now();
       for (;;) {
         int sig = 0;
-        if (sigwait(&set, &sig) == 0) signalChildHandler(sig);
+        if (!chore) {
+          if (sigwait(&set, &sig) == 0) signalChildHandler(sig);
+          continue;
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= due) {
+          chore();
+          due = now + std::max(period, std::chrono::seconds(1));
+          continue;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(due - now).count();
+        const timespec wait{static_cast<time_t>(left / 1000000000),
+                            static_cast<long>(left % 1000000000)};
+        sig = sigtimedwait(&set, nullptr, &wait);
+        if (sig > 0) signalChildHandler(sig);
       }
     }).detach();
   } catch (const std::system_error&) {

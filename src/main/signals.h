@@ -5,6 +5,7 @@
 
 #include <signal.h>
 
+#include <chrono>
 #include <functional>
 
 // Called with the signal number by signal_handler. Empty until the HTTPS
@@ -27,7 +28,10 @@ sigset_t TerminationSignals();
 // starts later, and starts a thread that takes them with sigwait and hands
 // each to signalChildHandler. Called once, from main, before any other thread
 // exists. Children started later must unblock them again.
-void StartTerminationSignalThread();
+// `chore`, when given, runs on that thread at once and then every `period`
+// between signals: the thread is idle otherwise and holds no lock.
+void StartTerminationSignalThread(std::function<void()> chore = nullptr,
+                                  std::chrono::seconds period = std::chrono::seconds(0));
 
 // Forwards `sig` to shutdown_handler; throws std::bad_function_call when it is
 // empty.

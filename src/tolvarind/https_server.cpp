@@ -26,6 +26,7 @@
 
 #include "CSComm.h"
 #include "inifile.h"
+#include "payloads.h"
 #include "sdp_paths.h"
 #include "signals.h"
 #include "tcp_client.h"
@@ -58,6 +59,16 @@ constexpr int kNameSize = 1024;
 // own frame limit with a WARNING.
 constexpr int kQueryBufferSize = 64511;
 constexpr char kReplyPage[] = "<html><body><p>https server</p></body></html>";
+
+// Any local program decides how many lines a request writes and how long they
+// are, so their bytes are bounded: on average 1 KiB a second, 8 KiB at once.
+// A line that does not fit is left out whole; the request is served the same.
+LineBudget g_requestLog(1024, 8192);
+// A line's cost: its text and glog's header, in each file it goes to (an
+// ERROR line goes to the WARNING and INFO files as well). Event loop only.
+bool MayLog(size_t textLength, int files) {
+  return g_requestLog.Take(static_cast<double>(textLength + 64) * files);
+}
 
 // Installs signal_handler for SIGINT for one run of the endpoint. On the way
 // out the earlier SIGINT action comes back before shutdown_handler is emptied,
@@ -231,17 +242,17 @@ void tolvarind::handle_https_request(struct evhttp_request* req, void* arg) {
   }
   UriPtr uri(evhttp_uri_parse(evhttp_request_get_uri(req)));
   if (!uri) {
-    LOG(ERROR) << "It's not a good URI. Sending BADREQUEST";
+    if (MayLog(40, 3)) LOG(ERROR) << "It's not a good URI. Sending BADREQUEST";
     evhttp_send_error(req, HTTP_BADREQUEST, nullptr);
     return;
   }
   const char* query = evhttp_uri_get_query(uri.get());
   if (query == nullptr) {
     // Deliberately unanswered: the request stays open until the client leaves.
-    LOG(ERROR) << "got query failed";
+    if (MayLog(16, 3)) LOG(ERROR) << "got query failed";
     return;
   }
-  LOG(INFO) << "got query:" << query;
+  if (MayLog(10 + strlen(query), 1)) LOG(INFO) << "got query:" << query;
 
   // Relayed raw (never URL-decoded), with its NUL; the reply does not depend on
   // whether the peer got it.

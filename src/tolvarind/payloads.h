@@ -3,6 +3,8 @@
 // socket.
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 
 namespace payload {
@@ -33,4 +35,34 @@ class EveryNSampler {
   const int n_;
   unsigned long occurrences_ = 0;
   int occurrences_mod_n_ = 0;
+};
+
+// A byte budget for log lines whose number and length others decide, as a
+// token bucket: Take(cost) is true while the bucket is not empty and then
+// takes `cost`, which may leave it owing; it fills at `perSecond` up to
+// `burst`. A line longer than the burst is written in its turn instead of
+// never, and over any t seconds the lines let through cost at most
+// burst + perSecond * t plus one line. Not thread-safe.
+class LineBudget {
+ public:
+  using Clock = std::chrono::steady_clock;
+  LineBudget(double perSecond, double burst)
+      : perSecond_(perSecond), burst_(burst), tokens_(burst) {}
+  bool Take(double cost, Clock::time_point now = Clock::now()) {
+    if (started_)
+      tokens_ = std::min(burst_,
+                         tokens_ + perSecond_ * std::chrono::duration<double>(now - last_).count());
+    started_ = true;
+    last_ = now;
+    if (tokens_ <= 0) return false;
+    tokens_ -= cost;
+    return true;
+  }
+
+ private:
+  const double perSecond_;
+  const double burst_;
+  double tokens_;
+  bool started_ = false;
+  Clock::time_point last_;
 };

@@ -241,7 +241,8 @@ void tolvarind::run() {
   bool lost = false;  // the status line says so
   for (;;) {
     int len;
-    // No pause here: the receive itself waits while there is no connection.
+    // No pause here: while there is no connection the receive itself waits up
+    // to a second for the reconnect thread, which paces this line.
     while ((len = m_tcpClient->RecvMessage(&msg)) < 0) {
       LOG(ERROR) << "daemon_client recv message failed, wailt reconnect";
       if (!lost) ServiceStatus(kReconnectingStatus);

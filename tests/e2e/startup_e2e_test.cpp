@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -65,8 +66,14 @@ class DaemonStartup : public e2e::SharedRun {
  protected:
   // A desktop user, a resource, a policy item and a whitelist entry with their
   // system launchers, a launcher of the client's own, and one left by an
-  // earlier run.
+  // earlier run; logs of an earlier run and of another program, each larger
+  // than the daemon's log budget (sparse).
   static void SetUpTestSuite() {
+    for (const char* name : {kOldOwnLog, kOtherLog}) {
+      const std::string path = std::string(sdp_paths::kLogDir) + "/" + name;
+      e2e::WriteFile(path, "");
+      std::filesystem::resize_file(path, 200u << 20);
+    }
     e2e::WriteFile(sdp_paths::kUserinfoIni,
                    "[UserInfo]\nSysUserName=alice\n[Aum]\nweb1=https://web1.example/\n"
                    "[CustomJumpPolicy]\nJumpBrowser=vrek\n");
@@ -88,7 +95,17 @@ class DaemonStartup : public e2e::SharedRun {
     e2e::WriteFile(sdp_paths::kRecordOldAppNames, "/home/alice/Desktop/stale.desktop\n");
     StartRun();
   }
+
+  static constexpr char kOldOwnLog[] = "tolvarind.info.20200101-000000.7";
+  static constexpr char kOtherLog[] = "ventrald.info.20200101-000000.7";
 };
+
+TEST_F(DaemonStartup, RemovesItsOwnOldLogsOverTheBudgetAndNothingElse) {
+  const std::string dir = std::string(sdp_paths::kLogDir) + "/";
+  EXPECT_TRUE(e2e::WaitUntil([&] { return !e2e::Exists(dir + kOldOwnLog); }, 5s));
+  EXPECT_TRUE(e2e::Exists(dir + kOtherLog));
+  EXPECT_EQ(daemon_->Count(std::string("log directory over its budget, removed ") + kOldOwnLog), 1);
+}
 
 TEST_F(DaemonStartup, RegistersOnceThenHeartbeatsEveryThreeSecondsReprobingOnTheSixth) {
   auto reg = peer_->WaitFrame(kRegister, 8s);

@@ -21,6 +21,10 @@
 namespace {
 
 constexpr std::chrono::seconds kReconnectInterval{1};
+// How long a receive waits for the reconnect thread while the connection is
+// down. Its caller logs each failed receive, so this is also the pace of that
+// line during an outage: about once a second instead of thousands of times.
+constexpr std::chrono::seconds kRecvWaitWhileDown{1};
 
 // Reads exactly `len` bytes; false when recv reports end of stream or an error.
 bool RecvAll(int fd, char* buf, size_t len) {
@@ -203,6 +207,7 @@ int TCP_Client::InitSocket() {
     LOG(ERROR) << "unkonw client type:" << option_.clientType;
   }
   LOG(INFO) << "Init Socket ret:" << ret;
+  if (ret == 0) connected_cv_.notify_all();
   return ret;
 }
 
@@ -315,8 +320,16 @@ int TCP_Client::RecvMessage(sdpmsg_t* msg) {
     fd = sockfd_.load();
   }
   if (fd <= 0) {
-    usleep(500);  // keeps a caller that loops on a lost connection from spinning
-    return -1;
+    if (ReconnectThreads() == 0) {
+      usleep(500);  // nobody reconnects: only keeps a looping caller from spinning
+      return -1;
+    }
+    // The reconnect thread tries once a second; the receive goes on as soon
+    // as it has succeeded.
+    std::unique_lock<std::mutex> lock(fdmutex_);
+    connected_cv_.wait_for(lock, kRecvWaitWhileDown, [this] { return sockfd_.load() > 0; });
+    fd = sockfd_.load();
+    if (fd <= 0) return -1;
   }
 
   bool ok = false;

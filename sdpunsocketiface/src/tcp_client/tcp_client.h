@@ -6,7 +6,7 @@
 // Threads: one receiver (RecvMessage), any number of senders (SendMessage)
 // and the reconnect thread share the object. Locks, never two at once:
 //   fdmutex_            sockfd_ (all of InitSocket and CloseConn, and every
-//                       read), clientaddr_, clientport_
+//                       read), clientaddr_, clientport_; connected_cv_ waits on it
 //   rwriter_.rmutex_    one whole frame received
 //   rwriter_.wmutex_    one whole frame sent
 //   reconn_mu_          the reconnect threads' bookkeeping and their wake-up
@@ -57,8 +57,10 @@ class TCP_Client : public ClientComm {
   // file's number. -1 while disconnected.
   int SendMessage(unsigned short m_cmd, unsigned short s_cmd, const char* data, int len);
   // Receives one frame into `msg` (zeroed in full first); returns the body
-  // length or -1. Any failure closes the connection, which is what wakes the
-  // reconnect thread. Returns -1 after 500 microseconds while disconnected.
+  // length or -1. Any failure closes the connection, which the reconnect
+  // thread then restores. While disconnected it waits for that, up to a
+  // second, and returns -1 if the connection is still down; without a
+  // reconnect thread it returns -1 after 500 microseconds.
   int RecvMessage(sdpmsg_t* msg);
 
   // The options in use, e.g. for Init(option()) to connect again with them.
@@ -75,6 +77,7 @@ class TCP_Client : public ClientComm {
   char clientaddr_[128] = {};  // local IPv4 address of a TCP connection
   // Written only under fdmutex_; atomic for Init's read of its own result.
   std::atomic<int> sockfd_;
+  std::condition_variable connected_cv_;  // a connection was made (with fdmutex_)
   Option option_;
   SocketRWriter rwriter_;  // the read and write locks
 
