@@ -8,11 +8,13 @@
 #include <signal.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -70,6 +72,14 @@ struct ChildPlan {
   std::vector<char*> envp;
 };
 
+// The kernel's own record for rt_sigaction; all zero is SIG_DFL, no flags.
+struct KernelSigaction {
+  void* handler;
+  unsigned long flags;
+  void* restorer;
+  uint64_t mask;
+};
+
 [[noreturn]] void ChildFails(int report, char what) {
   (void)!::write(report, &what, 1);
   ::_exit(1);
@@ -88,7 +98,13 @@ struct ChildPlan {
   struct sigaction dfl {};
   dfl.sa_handler = SIG_DFL;
   sigemptyset(&dfl.sa_mask);
-  for (int sig = 1; sig < NSIG; ++sig) ::sigaction(sig, &dfl, nullptr);  // some refuse: fine
+  for (int sig = 1; sig < NSIG; ++sig) {
+    if (sig == SIGKILL || sig == SIGSTOP || ::sigaction(sig, &dfl, nullptr) == 0) continue;
+    // The C library keeps two real-time signals for itself and refuses them,
+    // yet an ignored one would still reach the command: ask the kernel.
+    KernelSigaction kdfl{};
+    ::syscall(SYS_rt_sigaction, sig, &kdfl, nullptr, sizeof kdfl.mask);
+  }
   sigset_t none;
   sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
