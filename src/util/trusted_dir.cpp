@@ -25,8 +25,12 @@ int OpenDir(bool& missing, std::string& why) {
     if (e == ENOENT) {
       missing = true;
     } else {
+      // With O_DIRECTORY a link reads as ENOTDIR; lstat only names it.
+      struct stat st {};
+      const bool link = e == ELOOP || (e == ENOTDIR && lstat(sdp_paths::kCfsDir, &st) == 0 &&
+                                       S_ISLNK(st.st_mode));
       why = std::string(sdp_paths::kCfsDir) + ": " +
-            (e == ELOOP ? "a symbolic link" : e == ENOTDIR ? "not a directory" : strerror(e));
+            (link ? "a symbolic link" : e == ENOTDIR ? "not a directory" : strerror(e));
     }
     return -1;
   }

@@ -45,8 +45,16 @@ pid_t ForeignPeer(uid_t uid, const std::string& frame) {
     _exit(1);
   for (;;) {
     const int c = accept(s, nullptr, nullptr);
-    if (c >= 0) (void)!write(c, frame.data(), frame.size());
+    if (c < 0) continue;
+    (void)!send(c, frame.data(), frame.size(), MSG_NOSIGNAL);  // the daemon may have gone
+    close(c);
   }
+}
+
+std::string Errors(const e2e::Daemon& daemon) {
+  std::string text;
+  for (const auto& l : daemon.Log("error")) text += l.text + "\n";
+  return text;
 }
 
 bool KillAndReap(pid_t pid) { return kill(pid, SIGKILL) == 0 && waitpid(pid, nullptr, 0) == pid; }
@@ -99,7 +107,7 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
       ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
     c.squat();
     e2e::Daemon daemon;
-    ASSERT_TRUE(daemon.WaitLog("not trusted: " + c.why, 8s, 2, "error"));
+    ASSERT_TRUE(daemon.WaitLog("not trusted: " + c.why, 8s, 2, "error")) << Errors(daemon);
     EXPECT_TRUE(daemon.WaitLog("init error...", 2s, 2));
     EXPECT_EQ(daemon.Count("init finish.."), 0);
     EXPECT_FALSE(e2e::Exists(kMarker));
@@ -131,7 +139,8 @@ TEST(Authority, ReconnectionRefusesAForeignPeer) {
   const pid_t mallory = ForeignPeer(testsupport::kOtherUid, sdppeer::EncodeFrame(2, 0x301, touch));
   EXPECT_TRUE(daemon.WaitLog(std::string("not trusted: ") + sdp_paths::kDaemonSocket +
                                  ": peer uid 1001",
-                             5s, 2, "error"));
+                             5s, 2, "error"))
+      << Errors(daemon);
   ASSERT_TRUE(KillAndReap(mallory));
   EXPECT_FALSE(e2e::Exists(kMarker));
   ASSERT_TRUE(peer.Restart());
