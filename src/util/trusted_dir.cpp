@@ -30,7 +30,9 @@ int OpenDir(bool& missing, std::string& why) {
       const bool link = e == ELOOP || (e == ENOTDIR && lstat(sdp_paths::kCfsDir, &st) == 0 &&
                                        S_ISLNK(st.st_mode));
       why = std::string(sdp_paths::kCfsDir) + ": " +
-            (link ? "a symbolic link" : e == ENOTDIR ? "not a directory" : strerror(e));
+            (link           ? "a symbolic link"
+             : e == ENOTDIR ? "not a directory"
+                            : strerror(e));
     }
     return -1;
   }

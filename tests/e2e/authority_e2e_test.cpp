@@ -87,7 +87,8 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
        [] { chown(sdp_paths::kSafespaceIni, 0, 0); },
        std::string(sdp_paths::kSafespaceIni) + ": owned by uid 1001" + owned},
       {"peer of another user", [] { chmod(kCfs.c_str(), 01777); }, [] {},
-       std::string(sdp_paths::kDaemonSocket) + ": peer uid 1001 is neither root nor the client's uid 0",
+       std::string(sdp_paths::kDaemonSocket) +
+           ": peer uid 1001 is neither root nor the client's uid 0",
        true},
   };
   for (const auto& c : cases) {
@@ -137,9 +138,8 @@ TEST(Authority, ReconnectionRefusesAForeignPeer) {
   peer.CloseAllConnections();
   const std::string touch = std::string("touch ") + kMarker;
   const pid_t mallory = ForeignPeer(testsupport::kOtherUid, sdppeer::EncodeFrame(2, 0x301, touch));
-  EXPECT_TRUE(daemon.WaitLog(std::string("not trusted: ") + sdp_paths::kDaemonSocket +
-                                 ": peer uid 1001",
-                             5s, 2, "error"))
+  EXPECT_TRUE(daemon.WaitLog(
+      std::string("not trusted: ") + sdp_paths::kDaemonSocket + ": peer uid 1001", 5s, 2, "error"))
       << Errors(daemon);
   ASSERT_TRUE(KillAndReap(mallory));
   EXPECT_FALSE(e2e::Exists(kMarker));
@@ -165,7 +165,8 @@ class DesktopSession : public ::testing::Test {
       ASSERT_EQ(chown(dir, 1000, 1000), 0);
       chmod(dir, 0700);
     }
-    e2e::WriteFile("/run/user/1000/notifyd.py", R"(import dbus, dbus.service, dbus.mainloop.glib, sys
+    e2e::WriteFile("/run/user/1000/notifyd.py",
+                   R"(import dbus, dbus.service, dbus.mainloop.glib, sys
 from gi.repository import GLib
 dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 bus = dbus.bus.BusConnection(sys.argv[1])
