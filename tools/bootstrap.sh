@@ -11,6 +11,7 @@ packages=(
   valgrind
   iproute2 util-linux openssl curl
   dpkg-dev file lintian man-db systemd
+  dbus libnotify-bin python3-dbus python3-gi
   "$@"
 )
 

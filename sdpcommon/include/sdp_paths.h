@@ -43,6 +43,10 @@ inline constexpr char kHomeDir[] = "/home/";
 inline constexpr char kUserDesktopDir[] = "/Desktop";
 inline constexpr char kUserDesktopDirZh[] = "/桌面";
 
+// The desktop user's session: /run/user/<uid> and the session bus socket in it.
+inline constexpr char kUserRuntimeDirPrefix[] = "/run/user/";
+inline constexpr char kSessionBusName[] = "bus";
+
 // Network probes.
 inline constexpr char kProcNetRoute[] = "/proc/net/route";
 

@@ -17,6 +17,7 @@
 #include "desktop_user.h"
 #include "inifile.h"
 #include "sdp_paths.h"
+#include "trusted_dir.h"
 #include "unique_fd.h"
 #include "util.h"
 
@@ -96,7 +97,7 @@ Outcome WriteLauncher(const std::string& path, const std::string& text, bool exc
 
 // The client's own launchers have always been given "chmod 755" through the
 // shell as well; the mode is already set on the descriptor, so the command
-// changes nothing, and it runs only where it lends no authority.
+// changes nothing.
 void ChmodCommand(const std::string& path, const launcherfs::Authority& owner) {
   char command[256];
   const int len = std::snprintf(command, sizeof(command), "chmod 755 %s", ShellQuote(path).c_str());
@@ -104,8 +105,19 @@ void ChmodCommand(const std::string& path, const launcherfs::Authority& owner) {
     LogRefused(path, "too long for the chmod command");
     return;
   }
+  // As the desktop's owner: a link swapped in meanwhile then leads only to
+  // what the owner could change anyway.
+  util::RunAs as;
+  if (geteuid() == 0 && (owner.uid != 0 || owner.gid != getegid())) {
+    as.switchUser = true;
+    as.uid = owner.uid;
+    as.gid = owner.gid;
+    as.groups = {owner.gid};
+    as.dir = "/";
+    as.env = {"PATH=/usr/bin:/bin"};
+  }
   std::string output;
-  if (owner.uid == geteuid() || geteuid() != 0) util::system_output(command, output, 3);
+  util::system_output(command, output, 3, as);
   LOG(INFO) << "chmod 755:" << path << ", response:" << output;
 }
 
@@ -239,13 +251,12 @@ bool IconManager::getAppNames(std::vector<std::string>& out) {
 }
 
 std::string IconManager::_getDesktopPath() {
-  char name[256] = {0};
-  ReadStringFromIni(sdp_paths::kUserinfoIni, "UserInfo", "SysUserName", name, sizeof(name), "");
+  std::string refusal;
+  const std::string user = util::ReadDesktopUserName(&refusal);
+  if (!refusal.empty()) LOG(ERROR) << "not trusted: " << refusal;
   // WARNING on purpose, at every call: the user name decides where launchers go.
-  LOG(WARNING) << "get systemName:" << name;
-  std::string user = name;
+  LOG(WARNING) << "get systemName:" << user;
   if (user.empty()) return "";
-  user.erase(std::remove(user.begin(), user.end(), '\n'), user.end());
   const std::string home = sdp_paths::kHomeDir + user;
   // The name becomes a path: "../x" or "a/b" would leave the homes.
   if (!util::IsValidLoginName(user)) {
@@ -311,9 +322,16 @@ bool IconManager::produceDesktopFile(std::vector<SAppDesktop>& apps) {
 
     char address[1024] = {0};
     char browser[1024] = {0};
-    ReadStringFromIni(sdp_paths::kUserinfoIni, "Aum", source.c_str(), address, sizeof(address), "");
-    ReadStringFromIni(sdp_paths::kUserinfoIni, "CustomJumpPolicy", "JumpBrowser", browser,
-                      sizeof(browser), "");
+    {
+      // Read through the checked file only; a refused one gives no values.
+      const trusted::SessionFile userinfo("userinfo.ini");
+      if (!userinfo.refusal().empty()) LOG(ERROR) << "not trusted: " << userinfo.refusal();
+      if (userinfo.ok()) {
+        ReadStringFromIni(userinfo.path(), "Aum", source.c_str(), address, sizeof(address), "");
+        ReadStringFromIni(userinfo.path(), "CustomJumpPolicy", "JumpBrowser", browser,
+                          sizeof(browser), "");
+      }
+    }
     // Both only decide whether the resource gets a launcher; neither enters it.
     if (address[0] == '\0' || browser[0] == '\0') {
       LOG(ERROR) << "get desktop info failed!,url: " << address << " brower: " << browser;

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "sdp_paths.h"
+#include "trusted_dir.h"
 
 namespace {
 
@@ -22,14 +23,15 @@ struct FileClose {
 };
 using FilePtr = std::unique_ptr<std::FILE, FileClose>;
 
-// json_object_from_file opens without O_CLOEXEC; the daemon forks shell
-// commands, so the file is opened here and only the parsing is left to json-c.
-JsonTree ParseJsonFile(const char* path) {
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  JsonTree root(json_object_from_fd(fd));
-  close(fd);
-  return root;
+// The peer's file `name`, parsed from the descriptor its checks were made on
+// (json_object_from_file would open it again by name, and without O_CLOEXEC).
+// Null when it is missing, refused (one ERROR line) or does not parse.
+JsonTree ParseSessionJson(const trusted::SessionFile& file) {
+  if (!file.ok()) {
+    if (!file.missing()) LOG(ERROR) << "not trusted: " << file.refusal();
+    return nullptr;
+  }
+  return JsonTree(json_object_from_fd(file.fd()));
 }
 
 // json-c's lookup: true when `obj` is an object holding `key`, also when its
@@ -226,18 +228,19 @@ PolicyAnalyzer& PolicyAnalyzer::getIns() {
 }
 
 bool PolicyAnalyzer::ReadResource(std::vector<SAppDesktop>& out) {
-  JsonTree root = ParseJsonFile(sdp_paths::kResourceJson);
+  JsonTree root = ParseSessionJson(trusted::SessionFile("resource.json"));
   return policyanalyzer::ReadResourceTree(root.get(), out);
 }
 
 bool PolicyAnalyzer::GetSandboxPolicyInfo(std::string boxId, sandboxPolicyinfo& info) {
   LOG(INFO) << "get boxid info : " << boxId;
-  if (access(sdp_paths::kPolicyJson, F_OK) != 0) {
+  const trusted::SessionFile file("policy.json");
+  if (file.missing()) {
     LOG(WARNING) << "policy file not exist:" << sdp_paths::kPolicyJson;
     return false;
   }
   info.policyName.clear();
-  JsonTree root = ParseJsonFile(sdp_paths::kPolicyJson);
+  JsonTree root = ParseSessionJson(file);
   return policyanalyzer::ReadPolicyTree(root.get(), boxId, info);
 }
 

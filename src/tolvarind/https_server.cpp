@@ -8,6 +8,7 @@
 #include <event2/event.h>
 #include <event2/event_compat.h>
 #include <event2/http.h>
+#include <event2/listener.h>
 #include <event2/thread.h>
 #include <glog/logging.h>
 #include <netinet/in.h>
@@ -17,12 +18,19 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
 
 #include "CSComm.h"
 #include "inifile.h"
@@ -93,6 +101,192 @@ class SigintScope {
   struct sigaction previous_ {};
 };
 
+// What keeps a local user from exhausting the endpoint, for one run of it:
+// every TLS connection is counted from its SSL object's birth to its death,
+// must finish its handshake and a request within the deadline (and each next
+// request within it of the previous one), and while the count is at the cap
+// or an accept error is being waited out the listener does not accept.
+// Loop thread only.
+class ConnectionGuard {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit ConnectionGuard(const tolvarind::HttpsLimits& limits) : limits_(limits) {}
+  ~ConnectionGuard() {
+    Detach();
+    for (Conn* c : conns_) c->guard = nullptr;  // only if freed after us; never in practice
+  }
+  ConnectionGuard(const ConnectionGuard&) = delete;
+  ConnectionGuard& operator=(const ConnectionGuard&) = delete;
+
+  // Starts watching `listener` (may be null: nothing bound).
+  void Attach(event_base* base, evconnlistener* listener) {
+    sweep_ = evtimer_new(base, &ConnectionGuard::OnSweep, this);
+    resume_ = evtimer_new(base, &ConnectionGuard::OnResume, this);
+    listener_ = listener;
+    if (listener_ == nullptr) return;
+    std::lock_guard<std::mutex> lock(registryMutex_);
+    Registry()[listener_] = this;
+    evconnlistener_set_error_cb(listener_, &ConnectionGuard::OnAcceptError);
+  }
+  // Before the server (and its listener) is freed, while the base still is:
+  // connections freed from here on are only forgotten.
+  void Detach() {
+    if (listener_ != nullptr) {
+      std::lock_guard<std::mutex> lock(registryMutex_);
+      Registry().erase(listener_);
+    }
+    listener_ = nullptr;
+    for (event** ev : {&sweep_, &resume_})
+      if (*ev != nullptr) {
+        event_free(*ev);
+        *ev = nullptr;
+      }
+  }
+
+  // A new TLS connection; it is forgotten when `ssl` is freed.
+  void Opened(SSL* ssl, bufferevent* bev) {
+    Conn* c = new Conn{this, bev, Clock::now() + limits_.requestDeadline, nullptr};
+    conns_.insert(c);
+    SSL_set_ex_data(ssl, SslIndex(), c);
+    Arm();
+    UpdateListener();
+  }
+
+  // A request arrived on the connection of `ssl`: its deadline starts again.
+  // `unanswered`: the request is deliberately left without an answer; when
+  // the deadline passes, the connection is freed with it.
+  static void RequestSeen(SSL* ssl, evhttp_connection* unanswered) {
+    auto* c = static_cast<Conn*>(SSL_get_ex_data(ssl, SslIndex()));
+    if (c == nullptr || c->guard == nullptr) return;
+    c->deadline = Clock::now() + c->guard->limits_.requestDeadline;
+    c->unanswered = unanswered;
+    c->guard->Arm();
+  }
+
+  static int SslIndex() {
+    static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, &OnSslFree);
+    return index;
+  }
+  static int CtxIndex() {
+    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+  }
+
+ private:
+  struct Conn {
+    ConnectionGuard* guard;
+    bufferevent* bev;
+    Clock::time_point deadline;
+    evhttp_connection* unanswered;
+  };
+
+  static void OnSslFree(void*, void* ptr, CRYPTO_EX_DATA*, int, long, void*) {
+    auto* c = static_cast<Conn*>(ptr);
+    if (c == nullptr) return;
+    if (c->guard != nullptr) {
+      c->guard->conns_.erase(c);
+      c->guard->UpdateListener();
+    }
+    delete c;
+  }
+
+  // The listener accepts while there is room and no accept error is waited out.
+  void UpdateListener() {
+    if (listener_ == nullptr) return;
+    const bool accept = !errorPaused_ && static_cast<int>(conns_.size()) < limits_.maxConnections;
+    if (accept == accepting_) return;
+    accepting_ = accept;
+    if (accept)
+      evconnlistener_enable(listener_);
+    else
+      evconnlistener_disable(listener_);
+  }
+
+  // The sweep runs at the earliest deadline; no timer while nothing is open,
+  // so that a loop with nothing bound still ends at once.
+  void Arm() {
+    if (sweep_ == nullptr || conns_.empty()) return;
+    Clock::time_point first = Clock::time_point::max();
+    for (const Conn* c : conns_) first = std::min(first, c->deadline);
+    if (first == Clock::time_point::max()) return;
+    const auto wait = std::chrono::duration_cast<std::chrono::microseconds>(
+        std::max(first - Clock::now(), Clock::duration::zero()));
+    const timeval tv{static_cast<time_t>(wait.count() / 1000000),
+                     static_cast<suseconds_t>(wait.count() % 1000000)};
+    evtimer_add(sweep_, &tv);
+  }
+
+  static void OnSweep(evutil_socket_t, short, void* arg) {
+    auto* self = static_cast<ConnectionGuard*>(arg);
+    const auto now = Clock::now();
+    std::vector<Conn*> due;
+    for (Conn* c : self->conns_)
+      if (c->deadline <= now) due.push_back(c);
+    for (Conn* c : due) {
+      if (self->conns_.count(c) == 0) continue;  // freed by an earlier one's close
+      c->deadline = Clock::time_point::max();   // once; it goes when its SSL is freed
+      // A null event callback: the server has already let go of the
+      // connection and its buffer event only waits to be finalised.
+      bufferevent_event_cb eventcb = nullptr;
+      bufferevent_getcb(c->bev, nullptr, nullptr, &eventcb, nullptr);
+      if (eventcb == nullptr) continue;
+      if (c->unanswered != nullptr) {
+        // A time-out would drop the request from its connection and leak it;
+        // freeing the connection frees the request with it.
+        evhttp_connection* conn = c->unanswered;
+        c->unanswered = nullptr;
+        evhttp_connection_free(conn);
+      } else {
+        // The server's own time-out path: it closes the connection.
+        bufferevent_trigger_event(c->bev, BEV_EVENT_READING | BEV_EVENT_TIMEOUT, 0);
+      }
+    }
+    self->Arm();
+  }
+
+  // The listener's argument belongs to the server: the guard is looked up.
+  static std::map<evconnlistener*, ConnectionGuard*>& Registry() {
+    static auto* registry = new std::map<evconnlistener*, ConnectionGuard*>;
+    return *registry;
+  }
+
+  static void OnAcceptError(evconnlistener* listener, void*) {
+    const int err = EVUTIL_SOCKET_ERROR();
+    ConnectionGuard* self = nullptr;
+    {
+      std::lock_guard<std::mutex> lock(registryMutex_);
+      auto it = Registry().find(listener);
+      if (it != Registry().end()) self = it->second;
+    }
+    if (self == nullptr || self->resume_ == nullptr) return;
+    // Level-triggered: left enabled, the listener would fail again at once,
+    // for ever, at full speed. One line per pause.
+    LOG(ERROR) << "accept failed: " << strerror(err) << ", listener paused";
+    self->errorPaused_ = true;
+    self->UpdateListener();
+    const auto pause = std::chrono::duration_cast<std::chrono::microseconds>(self->limits_.acceptPause);
+    const timeval tv{static_cast<time_t>(pause.count() / 1000000),
+                     static_cast<suseconds_t>(pause.count() % 1000000)};
+    evtimer_add(self->resume_, &tv);
+  }
+
+  static void OnResume(evutil_socket_t, short, void* arg) {
+    auto* self = static_cast<ConnectionGuard*>(arg);
+    self->errorPaused_ = false;
+    self->UpdateListener();
+  }
+
+  static inline std::mutex registryMutex_;  // guards Registry()
+  const tolvarind::HttpsLimits limits_;
+  std::set<Conn*> conns_;
+  evconnlistener* listener_ = nullptr;
+  event* sweep_ = nullptr;
+  event* resume_ = nullptr;
+  bool accepting_ = true;
+  bool errorPaused_ = false;
+};
+
 // SIGINT may land on any thread of the daemon; with libevent's locking on, a
 // loop exit asked for from another thread wakes the loop at once.
 void UseLibeventThreads() {
@@ -140,11 +334,17 @@ std::string CertFilePath(const char* section, const char* key, const char* def) 
 int tolvarind::start_https_server() {
   // The owners come before the SIGINT scope: SIGINT gets its earlier action
   // back, and shutdown_handler lets go of the base, before any of them is freed
-  // (server, context, then base).
+  // (server, context, then base). The guard outlives them all: the last SSL
+  // objects are freed with the base.
+  ConnectionGuard guard(m_httpsLimits);
   EventBasePtr base;
   SslCtxPtr ctx;
   EvhttpPtr http;
   SigintScope sigint;
+  struct DetachFirst {  // the guard's timers and listener go before the server
+    ConnectionGuard& guard;
+    ~DetachFirst() { guard.Detach(); }
+  } detachFirst{guard};
   LOG(INFO) << "Comm::start_https_server";
 
   UseLibeventThreads();
@@ -188,15 +388,19 @@ int tolvarind::start_https_server() {
     LOG(ERROR) << "Failed to init http server.";
     return -1;
   }
+  SSL_CTX_set_ex_data(ctx.get(), ConnectionGuard::CtxIndex(), &guard);
   evhttp_set_bevcb(http.get(), create_ssl_bufferevent, ctx.get());
   evhttp_set_gencb(http.get(), handle_https_request, this);
 
   int port = kDefaultPort;
   ReadIntFromIni(sdp_paths::kSyscfgIni, "Pelgrane", "vrekhttpsport", port, kDefaultPort);
-  if (evhttp_bind_socket(http.get(), kListenAddress, static_cast<uint16_t>(port)) != 0) {
+  struct evhttp_bound_socket* bound =
+      evhttp_bind_socket_with_handle(http.get(), kListenAddress, static_cast<uint16_t>(port));
+  if (bound == nullptr) {
     // Deliberately not fatal: the loop then has nothing to wait for and ends.
     LOG(ERROR) << "Failed to bind to port";
   }
+  guard.Attach(base.get(), bound != nullptr ? evhttp_bound_socket_get_listener(bound) : nullptr);
   // An answer leaves as two TLS records (head, then page); with Nagle's
   // algorithm the second waits for the client's delayed ACK, about 40 ms per
   // request on a kept-alive connection. Accepted sockets inherit the option.
@@ -220,8 +424,13 @@ struct bufferevent* tolvarind::create_ssl_bufferevent(struct event_base* base, v
     LOG(ERROR) << "Failed to create SSL object.";
     return nullptr;
   }
-  return bufferevent_openssl_socket_new(base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING,
-                                        BEV_OPT_CLOSE_ON_FREE | BEV_OPT_DEFER_CALLBACKS);
+  struct bufferevent* bev = bufferevent_openssl_socket_new(
+      base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING, BEV_OPT_CLOSE_ON_FREE | BEV_OPT_DEFER_CALLBACKS);
+  auto* guard =
+      static_cast<ConnectionGuard*>(SSL_CTX_get_ex_data(static_cast<SSL_CTX*>(arg),
+                                                        ConnectionGuard::CtxIndex()));
+  if (bev != nullptr && guard != nullptr) guard->Opened(ssl, bev);
+  return bev;
 }
 
 void tolvarind::handle_https_request(struct evhttp_request* req, void* arg) {
@@ -229,12 +438,14 @@ void tolvarind::handle_https_request(struct evhttp_request* req, void* arg) {
   // unanswered, and nothing it asked for reaches the peer. Freeing the
   // connection here is what libevent itself does when it cannot answer.
   struct evhttp_connection* conn = evhttp_request_get_connection(req);
-  if (conn == nullptr ||
-      bufferevent_openssl_get_ssl(evhttp_connection_get_bufferevent(conn)) == nullptr) {
+  SSL* ssl = conn != nullptr ? bufferevent_openssl_get_ssl(evhttp_connection_get_bufferevent(conn))
+                             : nullptr;
+  if (ssl == nullptr) {
     LOG(ERROR) << "not a TLS connection, closed";
     if (conn != nullptr) evhttp_connection_free(conn);
     return;
   }
+  ConnectionGuard::RequestSeen(ssl, nullptr);
   auto* self = static_cast<tolvarind*>(arg);
   if (self == nullptr) {
     LOG(ERROR) << "got client failed";
@@ -248,8 +459,10 @@ void tolvarind::handle_https_request(struct evhttp_request* req, void* arg) {
   }
   const char* query = evhttp_uri_get_query(uri.get());
   if (query == nullptr) {
-    // Deliberately unanswered: the request stays open until the client leaves.
+    // Deliberately unanswered: the request stays open until the client leaves
+    // or, at the latest, until its deadline closes the connection.
     if (MayLog(16, 3)) LOG(ERROR) << "got query failed";
+    ConnectionGuard::RequestSeen(ssl, conn);
     return;
   }
   if (MayLog(10 + strlen(query), 1)) LOG(INFO) << "got query:" << query;

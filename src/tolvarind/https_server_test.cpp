@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include "sdp_paths.h"
 #include "signals.h"
 #include "tolvarind.h"
+#include "util.h"
 
 extern char** environ;
 
@@ -281,6 +283,113 @@ TEST_F(HttpsEndpointTest, FailedSslObjectDoesNotDowngradeToPlainHttp) {
   EXPECT_EQ(log_.count_prefix("got query:"), 0);  // the relay follows that line
   for (const auto& f : peer_.Frames()) EXPECT_NE(f.s_cmd, SDP_PROTO_HTTPS_QUERY);
   ERR_clear_error();
+}
+
+// What the listener has accepted into its queue but the endpoint not yet taken.
+int AcceptQueue(int port) {
+  std::ifstream in("/proc/net/tcp");
+  char local[32];
+  std::snprintf(local, sizeof local, "0100007F:%04X", port);
+  for (std::string line; std::getline(in, line);) {
+    char addr[64], rem[64];
+    unsigned st = 0, tx = 0, rx = 0;
+    if (std::sscanf(line.c_str(), " %*d: %63s %63s %x %x:%x", addr, rem, &st, &tx, &rx) == 5 &&
+        addr == std::string(local) && st == 0x0A)
+      return static_cast<int>(rx);
+  }
+  return -1;
+}
+
+// Whether the server closed `fd` within `limit` (end of stream or reset).
+bool ClosedWithin(int fd, std::chrono::milliseconds limit) {
+  ReadLimit(fd, limit);
+  char c;
+  const ssize_t n = recv(fd, &c, 1, 0);
+  return n == 0 || (n < 0 && errno == ECONNRESET);
+}
+
+double CpuSeconds() {
+  rusage u{};
+  getrusage(RUSAGE_SELF, &u);
+  return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+// A local user cannot exhaust the endpoint: idle, slow and surplus connections
+// are closed or wait outside, accept errors pause the listener instead of
+// spinning, and the endpoint and the process serve afterwards.
+TEST_F(HttpsEndpointTest, IdleSlowAndSurplusConnectionsCannotExhaustTheEndpoint) {
+  fs::remove(sdp_paths::kCertinfoIni);  // as an earlier test may have left them
+  fs::remove(sdp_paths::kSyscfgIni);
+  client_.SetHttpsLimits({1000ms, 4, 300ms});
+  Start();
+  ASSERT_TRUE(Within5s([] { return AcceptQueue(kPort) == 0; }));  // the probe is gone
+
+  // Six idle connections: four taken, two left waiting by the kernel; each
+  // closed by its deadline, before any handshake.
+  std::vector<int> idle;
+  for (int i = 0; i < 6; ++i) idle.push_back(Dial("127.0.0.1", kPort));
+  EXPECT_TRUE(Within5s([] { return AcceptQueue(kPort) == 2; })) << AcceptQueue(kPort);
+  for (int fd : idle) {
+    EXPECT_TRUE(ClosedWithin(fd, 4s));
+    close(fd);
+  }
+
+  // A slow request, a byte every 100 ms after the handshake, never finishes.
+  {
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> ctx(SSL_CTX_new(TLS_client_method()),
+                                                          SSL_CTX_free);
+    const int fd = Dial("127.0.0.1", kPort);
+    std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(ctx.get()), SSL_free);
+    SSL_set_fd(ssl.get(), fd);
+    ASSERT_EQ(SSL_connect(ssl.get()), 1);
+    const auto start = std::chrono::steady_clock::now();
+    const std::string request = "GET /?slow HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Pad: ";
+    ReadLimit(fd, 100ms);
+    char c;
+    for (size_t i = 0; std::chrono::steady_clock::now() - start < 5s; ++i) {
+      if (SSL_write(ssl.get(), &request[i % request.size()], 1) <= 0) break;
+      if (SSL_read(ssl.get(), &c, 1) == 0 || SSL_get_error(ssl.get(), 0) == SSL_ERROR_SSL) break;
+      ERR_clear_error();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2500ms);
+    ERR_clear_error();
+    close(fd);
+  }
+
+  // Accept fails for want of descriptors: the listener rests, one line a pause.
+  std::vector<int> waiting;
+  for (int i = 0; i < 3; ++i) waiting.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  const int lowestFree = dup(0);
+  close(lowestFree);
+  rlimit tight = saved;
+  tight.rlim_cur = lowestFree;  // no new descriptor anywhere in the process
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  sockaddr_in addr{AF_INET, htons(kPort), {htonl(INADDR_LOOPBACK)}, {}};
+  for (int fd : waiting) connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  const double cpu = CpuSeconds();
+  std::this_thread::sleep_for(1s);  // a spinning loop would burn this whole second
+  const double spent = CpuSeconds() - cpu;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  EXPECT_LT(spent, 0.5);
+  const int paused = log_.count_prefix("accept failed: Too many open files, listener paused");
+  EXPECT_GE(paused, 1);
+  EXPECT_LE(paused, 5);
+  // libevent's own warning, once per failed accept when nobody handles it.
+  EXPECT_EQ(testing::internal::GetCapturedStderr().find("Error from accept"), std::string::npos);
+  for (int fd : waiting) {
+    EXPECT_TRUE(ClosedWithin(fd, 4s));  // taken once the pause ends, closed by the deadline
+    close(fd);
+  }
+
+  // Served afterwards: a request is relayed and answered, a command runs.
+  EXPECT_NE(Fetch(Get("/after?ok=1")).text.find(kPage), std::string::npos);
+  EXPECT_EQ(Queries(1), std::vector<std::string>{std::string("ok=1\0", 5)});
+  std::string output;
+  EXPECT_EQ(util::system_output("echo served", output, 3), 1);
+  EXPECT_EQ(output, "served\n");
 }
 
 // The daemon runs the endpoint only when asked; a first SIGINT then ends the

@@ -21,6 +21,8 @@
 #include "sdp_paths.h"
 #include "service_status.h"
 #include "tcp_client.h"
+#include "desktop_user.h"
+#include "trusted_dir.h"
 #include "util.h"
 
 namespace {
@@ -29,6 +31,8 @@ namespace {
 constexpr int kCommandTimeout = 3;
 // Size of the formatted command buffers (a longer command is cut).
 constexpr size_t kCommandBufSize = 2056;
+// The result a refused command reports in place of system_output's.
+constexpr int kCommandRefused = -5;
 // The fifth heartbeat clears the address caches, so the sixth probes again.
 constexpr int kHeartbeatsPerProbe = 5;
 
@@ -64,7 +68,34 @@ class TerminationSignalsBlocked {
   sigset_t old_;
 };
 
+// Runs a command of the peer as the desktop user (desktop_user.h says who
+// that is); -5 when it is refused, with one ERROR line saying why.
+int RunPeerCommand(const std::string& command, std::string& output, int timeout) {
+  util::RunAs as;
+  std::string why;
+  if (!util::CommandRunAs(as, why)) {
+    output.clear();
+    LOG(ERROR) << "command refused: " << why;
+    return kCommandRefused;
+  }
+  return util::system_output(command, output, timeout, as);
+}
+
 }  // namespace
+
+std::string tolvarind::Refusal() const {
+  {
+    std::lock_guard<std::mutex> lock(m_refusalMutex);
+    if (!m_refusal.empty()) return m_refusal;
+  }
+  // After start-up, only the reconnections can refuse: the peer itself.
+  return m_tcpClient != nullptr ? m_tcpClient->PeerRefusal() : "";
+}
+
+void tolvarind::SetRefusal(const std::string& why) {
+  std::lock_guard<std::mutex> lock(m_refusalMutex);
+  m_refusal = why;
+}
 
 tolvarind::tolvarind() : m_tcpClient(new TCP_Client()), m_heartCount(0) {
   std::memset(m_sandboxId, 0, sizeof(m_sandboxId));
@@ -85,10 +116,21 @@ tolvarind::~tolvarind() {
 }
 
 bool tolvarind::init() {
-  if (access(sdp_paths::kSafespaceIni, F_OK) == 0) {
-    ReadStringFromIni(sdp_paths::kSafespaceIni, "SafeWorkSpace", "SandboxID", m_sandboxId,
-                      sizeof(m_sandboxId), "");
-    LOG(INFO) << "Read sandbox id is :" << m_sandboxId;
+  {
+    // Nothing from the peer's directory is believed before it and the file
+    // pass their checks; a refusal is retried like any failed start-up.
+    const trusted::SessionFile safespace("safespace.ini");
+    SetRefusal(safespace.refusal());
+    if (!safespace.refusal().empty()) {
+      LOG(ERROR) << "not trusted: " << safespace.refusal();
+      ServiceStartupRefused(safespace.refusal());
+      return false;
+    }
+    if (safespace.ok()) {
+      ReadStringFromIni(safespace.path(), "SafeWorkSpace", "SandboxID", m_sandboxId,
+                        sizeof(m_sandboxId), "");
+      LOG(INFO) << "Read sandbox id is :" << m_sandboxId;
+    }
   }
   if (m_sandboxId[0] == '\0') {
     LOG(ERROR) << "Read sandbox id error :" << sdp_paths::kSafespaceIni;
@@ -122,8 +164,12 @@ bool tolvarind::init() {
     // The reconnect and heartbeat threads start in here (see the header).
     TerminationSignalsBlocked blocked;
     if (m_tcpClient->Init(option) < 1) {
+      SetRefusal(m_tcpClient->PeerRefusal());
       LOG(ERROR) << "initDaemonClient:" << sdp_paths::kDaemonSocket << " failed";
-      ServiceStatus(std::string("waiting for the peer's socket ") + sdp_paths::kDaemonSocket);
+      if (!Refusal().empty())
+        ServiceStartupRefused(Refusal());
+      else
+        ServiceStatus(std::string("waiting for the peer's socket ") + sdp_paths::kDaemonSocket);
       return false;
     }
     if (RegisterToDaemon() < 0) {
@@ -256,10 +302,11 @@ void tolvarind::run() {
 
     switch (msg.s_cmd) {
       case SANDBOX_S2B_OPENBSAPP: {
-        // The peer is trusted by design: its body runs as the desktop user.
+        // The peer is trusted by design (and proven, see init): its body runs
+        // as the desktop user.
         const std::string command(msg.data, len);
         std::string output;
-        int rc = util::system_output(command, output, kCommandTimeout);
+        int rc = RunPeerCommand(command, output, kCommandTimeout);
         LOG(INFO) << " got SANDBOX_S2B_OPENBSAPP message from server res:" << rc << " " << output;
         break;
       }
@@ -278,14 +325,15 @@ void tolvarind::run() {
         // No time limit and no status: the pop-up script is the user's to close.
         const std::string command =
             std::string(sdp_paths::kPopupScript) + " " + std::string(msg.data, len);
-        // The script inherits the calling thread's mask, in which the process
-        // keeps the termination signals blocked for its signal thread.
-        sigset_t all, old;
-        sigfillset(&all);
-        pthread_sigmask(SIG_UNBLOCK, &all, &old);
-        int ignored = std::system(command.c_str());
-        (void)ignored;
-        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+        // Not std::system: the script runs as the desktop user, and starts
+        // with no signal blocked although the process keeps the termination
+        // signals blocked for its signal thread.
+        util::RunAs as;
+        std::string why;
+        if (util::CommandRunAs(as, why))
+          util::system_run(command, as);
+        else
+          LOG(ERROR) << "command refused: " << why;
         LOG(INFO) << " got SANDBOX_TO_LOCAL message from server";
         break;
       }
@@ -310,7 +358,7 @@ bool tolvarind::OpenSolmeriUrl(const std::string& url) {
   // Two blanks before the URL, as the portal script has always been called.
   std::snprintf(command, sizeof(command), "%s  %s", sdp_paths::kSsoScript, url.c_str());
   std::string output;
-  int rc = util::system_output(command, output, kCommandTimeout);
+  int rc = RunPeerCommand(command, output, kCommandTimeout);
   LOG(INFO) << "open solmeri res: " << rc;
   // system_output never gives 0 for a command that ran, so this is false in
   // practice; callers ignore it.
@@ -322,7 +370,7 @@ void tolvarind::HandleIllegalMessage(const std::string& msg) {
   std::snprintf(command, sizeof(command),
                 "notify-send -i info -t 5000  非法访问  %s不属于应用白名单", msg.c_str());
   std::string output;
-  util::system_output(command, output, kCommandTimeout);
+  RunPeerCommand(command, output, kCommandTimeout);
 }
 
 void tolvarind::DealUserInfoIni() {

@@ -70,6 +70,22 @@ class tolvarind {
   // SIGINT too, whose handler must not run on the loop's own thread.
   void StartHttpsEndpointThread();
 
+  // Why the last start-up attempt did not trust the peer's directory, one of
+  // its files or the peer itself; "" when nothing was refused. Any thread.
+  std::string Refusal() const;
+
+  // Limits of the HTTPS endpoint against a local user who would exhaust it.
+  // Set before start_https_server().
+  struct HttpsLimits {
+    // A connection must complete its TLS handshake and a request within this
+    // time of connecting, and each next request within it of the previous one.
+    std::chrono::milliseconds requestDeadline{10000};
+    int maxConnections = 64;
+    // How long the listener rests after an accept error (EMFILE, ENOBUFS...).
+    std::chrono::milliseconds acceptPause{1000};
+  };
+  void SetHttpsLimits(const HttpsLimits& limits) { m_httpsLimits = limits; }
+
   static constexpr std::chrono::seconds kHeartbeatInterval{3};
 
  private:
@@ -77,6 +93,7 @@ class tolvarind {
   bool StartHeartbeat();
   // False when the thread did not end within `timeout` (a send blocked in it).
   bool StopHeartbeat(std::chrono::milliseconds timeout);
+  void SetRefusal(const std::string& why);
 
   TCP_Client* m_tcpClient;
   char m_sandboxId[1024];
@@ -90,4 +107,8 @@ class tolvarind {
   std::atomic<bool> m_beatRunning{false};  // the thread has not ended yet
   std::mutex m_beatMutex;                  // only for m_beatCv's wait
   std::condition_variable m_beatCv;        // cuts the 3-second wait short
+
+  mutable std::mutex m_refusalMutex;  // guards m_refusal
+  std::string m_refusal;
+  HttpsLimits m_httpsLimits;
 };

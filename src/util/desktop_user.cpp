@@ -2,11 +2,16 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
 #include "inifile.h"
 #include "sdp_paths.h"
+#include "trusted_dir.h"
+
+extern char** environ;
 
 namespace util {
 namespace {
@@ -36,9 +41,12 @@ bool IsPlainFileName(const std::string& name) {
   });
 }
 
-std::string ReadDesktopUserName() {
+std::string ReadDesktopUserName(std::string* refusal) {
+  const trusted::SessionFile file("userinfo.ini");
+  if (refusal != nullptr) *refusal = file.refusal();
+  if (!file.ok()) return "";
   char name[256] = {0};
-  ReadStringFromIni(sdp_paths::kUserinfoIni, "UserInfo", "SysUserName", name, sizeof(name), "");
+  ReadStringFromIni(file.path(), "UserInfo", "SysUserName", name, sizeof(name), "");
   std::string user = name;
   user.erase(std::remove(user.begin(), user.end(), '\n'), user.end());
   return user;
@@ -61,6 +69,66 @@ bool LookupAccount(const std::string& name, Account& out) {
     if (getgrouplist(pw.pw_name, pw.pw_gid, out.groups.data(), &count) < 0) return false;
   }
   out.groups.resize(static_cast<size_t>(count));
+  return true;
+}
+
+CommandUser DecideCommandUser(bool daemonIsRoot, const std::string& name, bool hasAccount) {
+  if (!daemonIsRoot || name.empty()) return CommandUser::kDaemon;
+  if (!IsValidLoginName(name)) return CommandUser::kRefused;
+  return hasAccount ? CommandUser::kAccount : CommandUser::kDaemon;
+}
+
+std::vector<std::string> SessionEnvironment(const char* const* base, const Account& account,
+                                            bool busExists) {
+  static const char* const kSet[] = {"HOME=", "USER=", "LOGNAME=", "XDG_RUNTIME_DIR=",
+                                     "DBUS_SESSION_BUS_ADDRESS="};
+  std::vector<std::string> env;
+  for (const char* const* e = base; e != nullptr && *e != nullptr; ++e) {
+    const std::string entry = *e;
+    if (std::none_of(std::begin(kSet), std::end(kSet),
+                     [&](const char* name) { return entry.rfind(name, 0) == 0; }))
+      env.push_back(entry);
+  }
+  const std::string runtime = sdp_paths::kUserRuntimeDirPrefix + std::to_string(account.uid);
+  env.push_back("HOME=" + account.home);
+  env.push_back("USER=" + account.name);
+  env.push_back("LOGNAME=" + account.name);
+  env.push_back("XDG_RUNTIME_DIR=" + runtime);
+  if (busExists)
+    env.push_back("DBUS_SESSION_BUS_ADDRESS=unix:path=" + runtime + "/" + sdp_paths::kSessionBusName);
+  return env;
+}
+
+bool CommandRunAs(RunAs& as, std::string& why) {
+  as = RunAs();
+  std::string refusal;
+  const std::string name = ReadDesktopUserName(&refusal);
+  if (!refusal.empty()) {
+    why = refusal;
+    return false;
+  }
+  const bool root = geteuid() == 0;
+  Account account;
+  const bool found = root && IsValidLoginName(name) && LookupAccount(name, account);
+  switch (DecideCommandUser(root, name, found)) {
+    case CommandUser::kDaemon:
+      return true;
+    case CommandUser::kRefused:
+      why = "desktop user name \"" + name + "\" is not a login name";
+      return false;
+    case CommandUser::kAccount:
+      break;
+  }
+  const std::string bus = sdp_paths::kUserRuntimeDirPrefix + std::to_string(account.uid) + "/" +
+                          sdp_paths::kSessionBusName;
+  struct stat st {};
+  const bool busExists = lstat(bus.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+  as.switchUser = true;
+  as.uid = account.uid;
+  as.gid = account.gid;
+  as.groups = account.groups;
+  as.dir = account.home.empty() ? "/" : account.home;
+  as.env = SessionEnvironment(environ, account, busExists);
   return true;
 }
 

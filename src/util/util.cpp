@@ -3,20 +3,24 @@
 #include "util.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <glog/logging.h>
 #include <signal.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <iostream>
 #include <memory>
+#include <vector>
 
 #include "sdp_paths.h"
 
@@ -49,38 +53,103 @@ using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 // What a child that never reached the shell writes to its report pipe.
 constexpr char kDup2Failed = 'd';
 constexpr char kExecveFailed = 'e';
+constexpr char kUserFailed = 'u';
+
+// Everything the child needs, built before the fork: the child must not
+// allocate.
+struct ChildPlan {
+  ChildPlan(const std::string& cmd, const RunAs& as) : as(as) {
+    argv = {const_cast<char*>(sdp_paths::kShell), const_cast<char*>("-c"),
+            const_cast<char*>(cmd.c_str()), nullptr};
+    if (!as.switchUser) return;
+    for (const auto& e : as.env) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+  }
+  char* const* env() const { return as.switchUser ? envp.data() : environ; }
+
+  const RunAs& as;
+  std::vector<char*> argv;
+  std::vector<char*> envp;
+};
+
+// The kernel's own record for rt_sigaction; all zero is SIG_DFL, no flags.
+struct KernelSigaction {
+  void* handler;
+  unsigned long flags;
+  void* restorer;
+  uint64_t mask;
+};
+
+[[noreturn]] void ChildFails(int report, char what) {
+  (void)!::write(report, &what, 1);
+  ::_exit(1);
+}
 
 // Runs in the forked child. Only async-signal-safe calls: the daemon has other
 // threads, and one of them may have held the allocator's or glog's lock at the
 // moment of the fork. A failure before exec is therefore not logged here but
 // sent through `report` (close-on-exec, so the parent reads end of file once
 // the shell runs) for the parent to log.
-[[noreturn]] void RunChild(int readEnd, int writeEnd, int report, char* const argv[]) {
-  ::close(readEnd);
-  // Ignoring SIGPIPE is the daemon's business; an ignored disposition would
-  // survive exec and change how the command's own pipelines end.
-  ::signal(SIGPIPE, SIG_DFL);
-  // Nor is the daemon's signal mask (its termination signals wait for the
-  // signal thread): a command starts with nothing blocked, as from a shell.
+[[noreturn]] void ExecShell(const ChildPlan& plan, int report) {
+  // The daemon's dispositions and mask are its own business (SIGPIPE ignored,
+  // the termination signals waiting for the signal thread); an ignored
+  // disposition or a blocked signal would survive exec. A command starts as
+  // from a login shell.
+  struct sigaction dfl {};
+  dfl.sa_handler = SIG_DFL;
+  sigemptyset(&dfl.sa_mask);
+  for (int sig = 1; sig < NSIG; ++sig) {
+    if (sig == SIGKILL || sig == SIGSTOP || ::sigaction(sig, &dfl, nullptr) == 0) continue;
+    // The C library keeps two real-time signals for itself and refuses them,
+    // yet an ignored one would still reach the command: ask the kernel.
+    KernelSigaction kdfl{};
+    ::syscall(SYS_rt_sigaction, sig, &kdfl, nullptr, sizeof kdfl.mask);
+  }
   sigset_t none;
   sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  const RunAs& as = plan.as;
+  if (as.switchUser) {
+    // Groups, then gid, then uid: each needs the authority the next one drops.
+    // Any failure ends the child: the command never runs as root instead.
+    if (::setgroups(as.groups.size(), as.groups.data()) != 0 || ::setgid(as.gid) != 0 ||
+        ::setuid(as.uid) != 0 || ::getuid() != as.uid || ::geteuid() != as.uid ||
+        ::getegid() != as.gid)
+      ChildFails(report, kUserFailed);
+    if (as.dir.empty() || ::chdir(as.dir.c_str()) != 0) (void)!::chdir("/");
+  }
+  ::execve(plan.argv[0], plan.argv.data(), plan.env());
+  ChildFails(report, kExecveFailed);
+}
+
+// Reads what the child reported before exec (nothing once the shell runs)
+// and logs it.
+void LogChildReport(int report) {
+  char failure = 0;
+  ssize_t got;
+  do {
+    got = ::read(report, &failure, 1);
+  } while (got < 0 && errno == EINTR);
+  if (got != 1) return;
+  if (failure == kDup2Failed) {
+    LOG(ERROR) << "Failed to dup2.";
+  } else if (failure == kUserFailed) {
+    LOG(ERROR) << "Failed to change user.";
+  } else {
+    LOG(ERROR) << "Failed to execve.";
+  }
+}
+
+[[noreturn]] void RunChild(int readEnd, int writeEnd, int report, const ChildPlan& plan) {
+  ::close(readEnd);
   if (writeEnd == STDOUT_FILENO) {
     // dup2 onto itself would keep close-on-exec set.
-    if (::fcntl(writeEnd, F_SETFD, 0) < 0) {
-      (void)!::write(report, &kDup2Failed, 1);
-      ::_exit(1);
-    }
+    if (::fcntl(writeEnd, F_SETFD, 0) < 0) ChildFails(report, kDup2Failed);
   } else {
-    if (::dup2(writeEnd, STDOUT_FILENO) < 0) {
-      (void)!::write(report, &kDup2Failed, 1);
-      ::_exit(1);
-    }
+    if (::dup2(writeEnd, STDOUT_FILENO) < 0) ChildFails(report, kDup2Failed);
     ::close(writeEnd);
   }
-  ::execve(argv[0], argv, environ);
-  (void)!::write(report, &kExecveFailed, 1);
-  ::_exit(1);
+  ExecShell(plan, report);
 }
 
 enum class ReadStep { kMore, kDone };
@@ -101,7 +170,7 @@ ReadStep ReadOnce(int fd, std::string& output) {
 
 }  // namespace
 
-int system_output(const std::string& cmd, std::string& output, int timeout) {
+int system_output(const std::string& cmd, std::string& output, int timeout, const RunAs& as) {
   ::signal(SIGPIPE, SIG_IGN);
   output.clear();
 
@@ -119,27 +188,20 @@ int system_output(const std::string& cmd, std::string& output, int timeout) {
   UniqueFd reportRead(fds[0]);
   UniqueFd reportWrite(fds[1]);
 
-  // Built before the fork: the child must not allocate.
-  char* const argv[] = {const_cast<char*>(sdp_paths::kShell), const_cast<char*>("-c"),
-                        const_cast<char*>(cmd.c_str()), nullptr};
+  const ChildPlan plan(cmd, as);
   const pid_t pid = ::fork();
   if (pid < 0) {
     LOG(ERROR) << "Failed to fork process.";
     return -2;
   }
-  if (pid == 0) RunChild(readEnd.get(), writeEnd.get(), reportWrite.get(), argv);
+  if (pid == 0) RunChild(readEnd.get(), writeEnd.get(), reportWrite.get(), plan);
 
   writeEnd.reset();
   reportWrite.reset();
   const time_t start = ::time(nullptr);
 
-  char failure = 0;
-  ssize_t got;
-  do {
-    got = ::read(reportRead.get(), &failure, 1);
-  } while (got < 0 && errno == EINTR);
+  LogChildReport(reportRead.get());
   reportRead.reset();
-  if (got == 1) LOG(ERROR) << (failure == kDup2Failed ? "Failed to dup2." : "Failed to execve.");
 
   if (timeout > 0) {
     const int fd = readEnd.get();
@@ -206,6 +268,28 @@ int system_output(const std::string& cmd, std::string& output, int timeout) {
       return -4;
     }
     ::usleep(100000);
+  }
+}
+
+void system_run(const std::string& cmd, const RunAs& as) {
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) {
+    LOG(ERROR) << "Failed to create pipe.";
+    return;
+  }
+  UniqueFd reportRead(fds[0]);
+  UniqueFd reportWrite(fds[1]);
+  const ChildPlan plan(cmd, as);
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    LOG(ERROR) << "Failed to fork process.";
+    return;
+  }
+  if (pid == 0) ExecShell(plan, reportWrite.get());
+  reportWrite.reset();
+  LogChildReport(reportRead.get());
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
 }
 

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +16,9 @@
 #include <fstream>
 #include <thread>
 
+#include "desktop_user.h"
 #include "log_capture.h"
+#include "trusted_dir.h"
 
 namespace {
 
@@ -130,6 +133,73 @@ TEST(SystemOutput, ReportsPipeAndWaitFailures) {
   signal(SIGCHLD, SIG_DFL);
   EXPECT_EQ(wait.rc, -3);
   EXPECT_EQ(wait.logs, Lines{"Failed to waitpid."});
+}
+
+struct stat Stat(mode_t mode, uid_t uid, nlink_t links = 1) {
+  struct stat st {};
+  st.st_mode = mode;
+  st.st_uid = uid;
+  st.st_nlink = links;
+  return st;
+}
+
+TEST(SessionDirectory, TrustsOnlyRootOrTheDaemonAndNobodyElseWriting) {
+  const std::string other = "owned by uid 1001, neither root nor the daemon's uid 7";
+  const struct {
+    struct stat st;
+    std::string dir, file;
+  } cases[] = {
+      {Stat(S_IFDIR | 0755, 0), "", "not a regular file"},
+      {Stat(S_IFDIR | 01777, 7), "", "not a regular file"},
+      {Stat(S_IFDIR | 0777, 0), "writable by group or others and not sticky", "not a regular file"},
+      {Stat(S_IFDIR | 0775, 7), "writable by group or others and not sticky", "not a regular file"},
+      {Stat(S_IFDIR | 0755, 1001), other, "not a regular file"},
+      {Stat(S_IFREG | 0644, 0), "not a directory", ""},
+      {Stat(S_IFREG | 0600, 7), "not a directory", ""},
+      {Stat(S_IFREG | 0644, 1001), "not a directory", other},
+      {Stat(S_IFREG | 0646, 0), "not a directory", "writable by group or others"},
+      {Stat(S_IFREG | 0644, 0, 2), "not a directory", "has 2 links"},
+      {Stat(S_IFIFO | 0644, 0), "not a directory", "not a regular file"},
+      {Stat(S_IFLNK | 0777, 0), "not a directory", "not a regular file"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << std::oct << c.st.st_mode << " uid " << std::dec
+                                    << c.st.st_uid);
+    EXPECT_EQ(trusted::DirRefusal(c.st, 7), c.dir);
+    EXPECT_EQ(trusted::FileRefusal(c.st, 7), c.file);
+  }
+}
+
+TEST(CommandUser, RunsAsTheAccountOnlyWhenRootCanAndTheNameIsOne) {
+  using util::CommandUser;
+  const struct {
+    bool root;
+    const char* name;
+    bool account;
+    CommandUser want;
+  } cases[] = {
+      {true, "alice", true, CommandUser::kAccount},
+      {true, "alice", false, CommandUser::kDaemon},
+      {true, "", false, CommandUser::kDaemon},
+      {true, "a;id", false, CommandUser::kRefused},
+      {true, "../root", true, CommandUser::kRefused},
+      {false, "alice", true, CommandUser::kDaemon},
+      {false, "a;id", false, CommandUser::kDaemon},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(util::DecideCommandUser(c.root, c.name, c.account), c.want) << c.name << c.root;
+
+  util::Account alice;
+  alice.name = "alice";
+  alice.uid = 1000;
+  alice.home = "/home/alice";
+  const char* base[] = {"PATH=/bin", "HOME=/root", "DBUS_SESSION_BUS_ADDRESS=x", "LANG=C", nullptr};
+  const std::vector<std::string> common = {"PATH=/bin", "LANG=C", "HOME=/home/alice", "USER=alice",
+                                           "LOGNAME=alice", "XDG_RUNTIME_DIR=/run/user/1000"};
+  std::vector<std::string> withBus = common;
+  withBus.push_back("DBUS_SESSION_BUS_ADDRESS=unix:path=/run/user/1000/bus");
+  EXPECT_EQ(util::SessionEnvironment(base, alice, false), common);
+  EXPECT_EQ(util::SessionEnvironment(base, alice, true), withBus);
 }
 
 class CopyFileTest : public ::testing::Test {

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -167,12 +168,28 @@ int TCP_Client::InitSocket() {
   // connected gets here with one, and its connection is left as it is.
   if (option_.clientType == CLIENT_TYPE_UNIX) {
     memset(err, 0, sizeof err);
+    peer_refusal_.clear();
     const int fd = anetUnixConnect(err, option_.unixPath);
     sockfd_.store(fd);
     if (fd == ANET_ERR) {
       LOG(ERROR) << "anetUnixConnect failed:" << err;
     } else {
-      ret = 0;
+      // Whoever listens on the socket gets to send commands: only root or
+      // the client's own user may. Anyone could have bound the name first.
+      ucred cred{};
+      socklen_t len = sizeof cred;
+      const std::string why =
+          getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0
+              ? PeerUidRefusal(cred.uid, geteuid())
+              : std::string("SO_PEERCRED: ") + strerror(errno);
+      if (why.empty()) {
+        ret = 0;
+      } else {
+        peer_refusal_ = std::string(option_.unixPath) + ": " + why;
+        LOG(ERROR) << "not trusted: " << peer_refusal_;
+        close(fd);
+        sockfd_.store(-1);
+      }
     }
   } else if (option_.clientType == CLIENT_TYPE_TCP) {
     memset(err, 0, sizeof err);
@@ -257,6 +274,17 @@ int TCP_Client::Destroy() {
   reconn_cv_.notify_all();
   CloseConn();
   return 0;
+}
+
+std::string TCP_Client::PeerRefusal() {
+  std::lock_guard<std::mutex> lock(fdmutex_);
+  return peer_refusal_;
+}
+
+std::string TCP_Client::PeerUidRefusal(uid_t peerUid, uid_t self) {
+  if (peerUid == 0 || peerUid == self) return "";
+  return "peer uid " + std::to_string(peerUid) + " is neither root nor the client's uid " +
+         std::to_string(self);
 }
 
 int TCP_Client::ReconnectThreads() {

@@ -6,7 +6,8 @@
 // Threads: one receiver (RecvMessage), any number of senders (SendMessage)
 // and the reconnect thread share the object. Locks, never two at once:
 //   fdmutex_            sockfd_ (all of InitSocket and CloseConn, and every
-//                       read), clientaddr_, clientport_; connected_cv_ waits on it
+//                       read), clientaddr_, clientport_, peer_refusal_;
+//                       connected_cv_ waits on it
 //   rwriter_.rmutex_    one whole frame received
 //   rwriter_.wmutex_    one whole frame sent
 //   reconn_mu_          the reconnect threads' bookkeeping and their wake-up
@@ -16,6 +17,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -67,6 +69,13 @@ class TCP_Client : public ClientComm {
   Option& option() { return option_; }
   // Reconnect threads started and not yet ended.
   int ReconnectThreads();
+  // Why the last Unix connection was closed at once because of who listened
+  // on the socket; "" when the last attempt did not refuse its peer.
+  std::string PeerRefusal();
+
+  // Why a peer with credentials `peerUid` is not to be trusted by a client
+  // whose effective uid is `self`; "" when it is (root or `self`).
+  static std::string PeerUidRefusal(uid_t peerUid, uid_t self);
 
  private:
   void CopyOption(const Option& opt);
@@ -78,6 +87,7 @@ class TCP_Client : public ClientComm {
   // Written only under fdmutex_; atomic for Init's read of its own result.
   std::atomic<int> sockfd_;
   std::condition_variable connected_cv_;  // a connection was made (with fdmutex_)
+  std::string peer_refusal_;              // under fdmutex_
   Option option_;
   SocketRWriter rwriter_;  // the read and write locks
 
