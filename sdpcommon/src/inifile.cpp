@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+
+#include "unique_fd.h"
 #include <vector>
 
 namespace {
@@ -27,10 +29,7 @@ void CopyToWork(char* dst, const char* src) {
   dst[n] = '\0';
 }
 
-struct FileCloser {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
+using util::UniqueFile;
 
 }  // namespace
 

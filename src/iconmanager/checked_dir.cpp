@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -51,7 +52,12 @@ bool CheckedDir::Open(const std::string& path, std::string* why) {
     *why = std::strerror(errno);
     return false;
   }
-  const std::string homes = sdp_paths::kHomeDir;  // "/home/"
+  // "home" of "/home/": the directory whose entries are the users' homes.
+  std::string homes = sdp_paths::kHomeDir;
+  homes.erase(std::remove(homes.begin(), homes.end(), '/'), homes.end());
+  bool firstIsHomes = false;  // the walk started down "/home"
+  bool inHomes = false;       // the walk is at or below "/home/<user>"
+  size_t depth = 0;
   size_t start = 1;
   while (start < path.size()) {
     size_t end = path.find('/', start);
@@ -89,12 +95,31 @@ bool CheckedDir::Open(const std::string& path, std::string* why) {
       *why = std::strerror(errno);
       return false;
     }
-    // Under the users' homes, their owner's authority from here down.
-    if (path.compare(0, end + 1, homes + part + "/") == 0 || path == homes + part)
-      authority_ = {st.st_uid, st.st_gid};
+    if (depth == 0) firstIsHomes = part == homes;
+    if (depth == 1) inHomes = firstIsHomes;
+    // Under the users' homes, the authority of whoever owns the deepest
+    // directory that is not root's: that is who can change what is in it.
+    if (inHomes && st.st_uid != 0) authority_ = {st.st_uid, st.st_gid};
+    ++depth;
   }
   fd_ = std::move(dir);
   return true;
+}
+
+bool CheckedDir::AuthorityOfDeepest(const std::string& path, Authority* who) {
+  std::string prefix = path;
+  std::string why;
+  for (;;) {
+    CheckedDir dir;
+    if (dir.Open(prefix, &why)) {
+      *who = dir.authority();
+      return true;
+    }
+    if (!dir.missing()) return false;
+    const size_t slash = prefix.rfind('/');
+    if (slash == std::string::npos || slash == 0) return false;
+    prefix.erase(slash);
+  }
 }
 
 ActingAs::ActingAs(const Authority& who) {

@@ -13,8 +13,9 @@
 
 namespace launcherfs {
 
-// Who the daemon acts as inside a directory: the owner of the user's home
-// ("/home/<name>") for everything under it, the daemon itself elsewhere.
+// Who the daemon acts as inside a directory: under the users' homes
+// ("/home/<name>" and below), the owner of the deepest directory on the way
+// that is not root's; the daemon itself elsewhere.
 struct Authority {
   uid_t uid;
   gid_t gid;
@@ -29,6 +30,10 @@ class CheckedDir {
   // False with `why` set when it cannot be opened; `missing()` then tells
   // whether a component simply does not exist.
   bool Open(const std::string& path, std::string* why);
+
+  // The authority for `path` when part of it does not exist yet: that of its
+  // deepest existing directory. False when a directory on the way is refused.
+  static bool AuthorityOfDeepest(const std::string& path, Authority* who);
 
   int fd() const { return fd_.get(); }
   const Authority& authority() const { return authority_; }

@@ -45,8 +45,6 @@ bool IsDesktopOwnApp(const std::string& value) {
                      [&](const char* own) { return value == own; });
 }
 
-bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
 bool StartsWith(const std::string& text, const char* prefix) {
   return text.compare(0, std::strlen(prefix), prefix) == 0;
 }
@@ -77,9 +75,7 @@ std::string ShellQuote(const std::string& text) {
 
 // Writes `text` as `path` (its directory checked on the way), logging a
 // refusal; false when nothing was written.
-// `owner`, when given, receives the authority the file was written with.
-Outcome WriteLauncher(const std::string& path, const std::string& text, bool exclusive,
-                      launcherfs::Authority* owner = nullptr) {
+Outcome WriteLauncher(const std::string& path, const std::string& text, bool exclusive) {
   const auto [dirPath, name] = SplitPath(path);
   CheckedDir dir;
   std::string why;
@@ -88,7 +84,6 @@ Outcome WriteLauncher(const std::string& path, const std::string& text, bool exc
     LogRefused(dirPath, why);
     return Outcome::kRefused;
   }
-  if (owner) *owner = dir.authority();
   int err = 0;
   const Outcome result = launcherfs::WriteAt(dir, name, text, exclusive, &err, &why);
   if (result == Outcome::kRefused) LogRefused(path, why);
@@ -98,15 +93,21 @@ Outcome WriteLauncher(const std::string& path, const std::string& text, bool exc
 // The client's own launchers have always been given "chmod 755" through the
 // shell as well; the mode is already set on the descriptor, so the command
 // changes nothing.
-void ChmodCommand(const std::string& path, const launcherfs::Authority& owner) {
+void ChmodCommand(const std::string& path) {
   char command[256];
   const int len = std::snprintf(command, sizeof(command), "chmod 755 %s", ShellQuote(path).c_str());
   if (len >= static_cast<int>(sizeof(command))) {
     LogRefused(path, "too long for the chmod command");
     return;
   }
-  // As the desktop's owner: a link swapped in meanwhile then leads only to
-  // what the owner could change anyway.
+  // As whoever may change the desktop, found afresh even when the copy
+  // failed (the desktop may be missing now and there a moment later): a link
+  // swapped in then leads only to what that user could change anyway.
+  launcherfs::Authority owner{};
+  if (!CheckedDir::AuthorityOfDeepest(SplitPath(path).first, &owner)) {
+    LogRefused(path, "no checked directory to run the chmod command in");
+    return;
+  }
   util::RunAs as;
   if (geteuid() == 0 && (owner.uid != 0 || owner.gid != getegid())) {
     as.switchUser = true;
@@ -117,7 +118,7 @@ void ChmodCommand(const std::string& path, const launcherfs::Authority& owner) {
     as.env = {"PATH=/usr/bin:/bin"};
   }
   std::string output;
-  util::system_output(command, output, 3, as);
+  util::system_output(command, output, util::kCommandTimeout, as);
   LOG(INFO) << "chmod 755:" << path << ", response:" << output;
 }
 
@@ -182,28 +183,6 @@ SAppDesktop ResourceLauncher(const SAppDesktop& resource) {
 }
 
 }  // namespace iconmanager
-
-namespace util {
-
-void getIconPathWithName(const std::set<std::string>& names,
-                         std::map<std::string, std::string>& out) {
-  out.clear();
-  for (const std::string& name : names) {
-    size_t slash = name.rfind('/');
-    std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
-    // The directory constant ends in "/", so the path has "//": harmless, and
-    // the logs have always shown it so.
-    std::string candidate =
-        std::string(sdp_paths::kSystemApplicationsDir) + "/" + base + kDesktopExt;
-    LOG(INFO) << "icon path is: " << candidate;
-    if (!Exists(candidate)) continue;
-    std::string launcher = base + kDesktopExt;
-    out.emplace(launcher, candidate);
-    LOG(INFO) << launcher << " icon path is :" << candidate;
-  }
-}
-
-}  // namespace util
 
 IconManager& IconManager::getIns() {
   static IconManager instance;
@@ -448,13 +427,12 @@ void IconManager::_addAppWhiteToDesk(const std::map<std::string, std::string>& a
     // An existing copy is the user's or the system's: left alone and not
     // recorded, so the next start does not remove it. A failed copy is
     // recorded all the same, in case it left a partial file.
-    launcherfs::Authority owner{0, 0};
     const Outcome desk = desktopPath.empty() ? Outcome::kRefused
-                         : readable          ? WriteLauncher(desktopCopy, text, true, &owner)
+                         : readable          ? WriteLauncher(desktopCopy, text, true)
                                              : Outcome::kFailed;
     if (desk == Outcome::kDone || desk == Outcome::kFailed) {
       if (desk == Outcome::kFailed) LOG(ERROR) << "copy fail, app path: " << source;
-      if (StartsWith(source, sdp_paths::kClientApplicationsDir)) ChmodCommand(desktopCopy, owner);
+      if (StartsWith(source, sdp_paths::kClientApplicationsDir)) ChmodCommand(desktopCopy);
       appNames.push_back(desktopCopy);
     }
     const Outcome sys = readable ? WriteLauncher(systemCopy, text, true) : Outcome::kFailed;

@@ -79,13 +79,3 @@ std::string RecordText(const std::vector<std::string>& paths);
 SAppDesktop ResourceLauncher(const SAppDesktop& resource);
 
 }  // namespace iconmanager
-
-namespace util {
-
-// Replaces `out` with launcher name -> path for every name (a plain name or a
-// path; only its last component counts) whose desktop entry exists in the
-// system applications directory. The first name in set order wins a clash.
-void getIconPathWithName(const std::set<std::string>& names,
-                         std::map<std::string, std::string>& out);
-
-}  // namespace util

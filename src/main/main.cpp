@@ -3,8 +3,8 @@
 // then hands the thread to the command loop.
 #include <glog/logging.h>
 
-#include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -13,19 +13,6 @@
 #include "sandbox_log.h"
 #include "signals.h"
 #include "tolvarind.h"
-
-namespace {
-
-// The client, for exit after main returns with the HTTPS endpoint's thread
-// still running: static destructors, glog's among them, must not run under a
-// heartbeat.
-std::atomic<tolvarind*> g_client{nullptr};
-
-void QuiesceClientAtExit() {
-  if (tolvarind* client = g_client.load()) client->QuiesceHeartbeat();
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   // Opt-in: the loopback HTTPS endpoint, which the start-up sequence never runs.
@@ -37,8 +24,6 @@ int main(int argc, char** argv) {
   // The signal thread also keeps the log directory within its budget.
   StartTerminationSignalThread(SweepLogDirectory, kLogSweepInterval);
   auto client = std::make_unique<tolvarind>();
-  g_client = client.get();
-  std::atexit(QuiesceClientAtExit);
   for (;;) {
     std::this_thread::sleep_for(std::chrono::seconds(3));
     if (client->init()) break;
@@ -48,12 +33,12 @@ int main(int argc, char** argv) {
   client->run();
   if (https_endpoint) {
     // The endpoint's thread cannot be stopped from here and may still relay
-    // through the client: keep it (and its heartbeat quiesced at exit) until
-    // the process ends.
-    (void)client.release();
-    return 0;
+    // through the client, and neither the client nor glog may be torn down
+    // under it or the heartbeat: end the process as a termination signal does.
+    google::FlushLogFiles(google::GLOG_INFO);
+    std::fflush(nullptr);
+    std::_Exit(0);
   }
-  g_client = nullptr;
   client.reset();
   return 0;
 }

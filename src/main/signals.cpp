@@ -46,6 +46,17 @@ void signalChildHandler(int sig) {
 
 void signal_handler(int sig) { shutdown_handler(sig); }
 
+TerminationSignalsBlocked::TerminationSignalsBlocked(bool sigintToo) {
+  sigset_t set = TerminationSignals();
+  sigaddset(&set, SIGPIPE);
+  if (sigintToo) sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, &old_);
+}
+
+TerminationSignalsBlocked::~TerminationSignalsBlocked() {
+  pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+}
+
 sigset_t TerminationSignals() {
   sigset_t set;
   sigemptyset(&set);

@@ -1,6 +1,14 @@
-// The process's signal handling: termination signals end the process with
-// status 0 after one log line naming the signal; SIGINT is left to whoever
-// installs signal_handler (the HTTPS endpoint) and fills shutdown_handler.
+// The process's signal policy, all of it here:
+// - SIGTERM, SIGQUIT, SIGUSR1 and SIGUSR2 end the process with status 0 after
+//   one log line naming the signal. They are blocked in every thread and taken
+//   by one thread of their own (StartTerminationSignalThread), never by a
+//   thread caught halfway through a log line.
+// - SIGPIPE is blocked in the client's own threads and, from the first
+//   command on, ignored: a broken socket shows up as a failed send.
+// - SIGINT is left to whoever installs signal_handler (the HTTPS endpoint)
+//   and fills shutdown_handler; it is kept off the endpoint's own thread.
+// - Every command the daemon starts begins with default dispositions and an
+//   empty mask (util::system_output, util::system_run).
 #pragma once
 
 #include <signal.h>
@@ -32,6 +40,20 @@ sigset_t TerminationSignals();
 // between signals: the thread is idle otherwise and holds no lock.
 void StartTerminationSignalThread(std::function<void()> chore = nullptr,
                                   std::chrono::seconds period = std::chrono::seconds(0));
+
+// Blocks the termination signals and SIGPIPE (and SIGINT if asked) on the
+// calling thread for its lifetime; threads started meanwhile keep them blocked
+// for good.
+class TerminationSignalsBlocked {
+ public:
+  explicit TerminationSignalsBlocked(bool sigintToo = false);
+  ~TerminationSignalsBlocked();
+  TerminationSignalsBlocked(const TerminationSignalsBlocked&) = delete;
+  TerminationSignalsBlocked& operator=(const TerminationSignalsBlocked&) = delete;
+
+ private:
+  sigset_t old_;
+};
 
 // Forwards `sig` to shutdown_handler; throws std::bad_function_call when it is
 // empty.

@@ -10,6 +10,7 @@
 
 #include "sdp_paths.h"
 #include "trusted_dir.h"
+#include "unique_fd.h"
 
 namespace {
 
@@ -18,10 +19,7 @@ struct JsonPut {
 };
 using JsonTree = std::unique_ptr<json_object, JsonPut>;
 
-struct FileClose {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileClose>;
+using FilePtr = util::UniqueFile;
 
 // The peer's file `name`, parsed from the descriptor its checks were made on
 // (json_object_from_file would open it again by name, and without O_CLOEXEC).

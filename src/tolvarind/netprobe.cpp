@@ -17,30 +17,16 @@
 #include <cstring>
 #include <memory>
 
+#include "unique_fd.h"
+
 namespace netprobe {
 namespace {
 
-struct FileCloser {
-  void operator()(FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+using util::UniqueFd;
+using util::UniqueFile;
 
 struct IfaddrsFree {
   void operator()(ifaddrs* a) const { freeifaddrs(a); }
-};
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
 };
 
 // One data line of the route table; false when it does not parse or names an

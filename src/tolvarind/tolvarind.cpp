@@ -20,6 +20,7 @@
 #include "policyanalyzer.h"
 #include "sdp_paths.h"
 #include "service_status.h"
+#include "signals.h"
 #include "tcp_client.h"
 #include "desktop_user.h"
 #include "trusted_dir.h"
@@ -27,8 +28,6 @@
 
 namespace {
 
-// Every external command of the loop gets this many seconds.
-constexpr int kCommandTimeout = 3;
 // Size of the formatted command buffers (a longer command is cut).
 constexpr size_t kCommandBufSize = 2056;
 // The result a refused command reports in place of system_output's.
@@ -45,28 +44,6 @@ std::string RegisteredStatus(const char* sandboxId) {
   return std::string("registered with sandbox ") + sandboxId;
 }
 
-// True on the heartbeat thread.
-thread_local bool t_onHeartbeatThread = false;
-
-// Blocks the termination signals and SIGPIPE (and SIGINT if asked) on the
-// calling thread for its lifetime; threads started meanwhile keep them blocked
-// for good.
-class TerminationSignalsBlocked {
- public:
-  explicit TerminationSignalsBlocked(bool sigintToo = false) {
-    sigset_t set;
-    sigemptyset(&set);
-    for (int sig : {SIGTERM, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE}) sigaddset(&set, sig);
-    if (sigintToo) sigaddset(&set, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &set, &old_);
-  }
-  ~TerminationSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
-  TerminationSignalsBlocked(const TerminationSignalsBlocked&) = delete;
-  TerminationSignalsBlocked& operator=(const TerminationSignalsBlocked&) = delete;
-
- private:
-  sigset_t old_;
-};
 
 // Runs a command of the peer as the desktop user (desktop_user.h says who
 // that is); -5 when it is refused, with one ERROR line saying why.
@@ -97,7 +74,7 @@ void tolvarind::SetRefusal(const std::string& why) {
   m_refusal = why;
 }
 
-tolvarind::tolvarind() : m_tcpClient(new TCP_Client()), m_heartCount(0) {
+tolvarind::tolvarind() : m_tcpClient(std::make_unique<TCP_Client>()), m_heartCount(0) {
   std::memset(m_sandboxId, 0, sizeof(m_sandboxId));
 }
 
@@ -109,10 +86,8 @@ tolvarind::~tolvarind() {
   m_tcpClient->Destroy();  // closes, and ends the reconnect thread's loop
   if (!stopped) {
     LOG(WARNING) << "heart beat thread still sending, channel kept";
-    return;
+    (void)m_tcpClient.release();  // deliberately never freed
   }
-  delete m_tcpClient;
-  m_tcpClient = nullptr;
 }
 
 bool tolvarind::init() {
@@ -230,18 +205,12 @@ bool tolvarind::StartHeartbeat() {
 }
 
 void tolvarind::HeartbeatLoop() {
-  t_onHeartbeatThread = true;
   for (;;) {
-    // Busy before the stop test: whoever sets the stop flag and then sees
-    // this thread idle knows it will not send again.
-    m_beatBusy = true;
     if (m_beatStop) break;
     SendHeartBeat();
-    m_beatBusy = false;
     std::unique_lock<std::mutex> lock(m_beatMutex);
     if (m_beatCv.wait_for(lock, kHeartbeatInterval, [this] { return m_beatStop.load(); })) break;
   }
-  m_beatBusy = false;
   m_beatRunning = false;  // the thread's last touch of the object
 }
 
@@ -257,14 +226,6 @@ bool tolvarind::StopHeartbeat(std::chrono::milliseconds timeout) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
-}
-
-void tolvarind::QuiesceHeartbeat() {
-  m_beatStop = true;
-  if (t_onHeartbeatThread) return;  // exiting from the heartbeat thread itself
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-  while (m_beatBusy && std::chrono::steady_clock::now() < end)
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
 }
 
 void tolvarind::run() {
@@ -306,7 +267,7 @@ void tolvarind::run() {
         // as the desktop user.
         const std::string command(msg.data, len);
         std::string output;
-        int rc = RunPeerCommand(command, output, kCommandTimeout);
+        int rc = RunPeerCommand(command, output, util::kCommandTimeout);
         LOG(INFO) << " got SANDBOX_S2B_OPENBSAPP message from server res:" << rc << " " << output;
         break;
       }
@@ -358,7 +319,7 @@ bool tolvarind::OpenSolmeriUrl(const std::string& url) {
   // Two blanks before the URL, as the portal script has always been called.
   std::snprintf(command, sizeof(command), "%s  %s", sdp_paths::kSsoScript, url.c_str());
   std::string output;
-  int rc = RunPeerCommand(command, output, kCommandTimeout);
+  int rc = RunPeerCommand(command, output, util::kCommandTimeout);
   LOG(INFO) << "open solmeri res: " << rc;
   // system_output never gives 0 for a command that ran, so this is false in
   // practice; callers ignore it.
@@ -370,7 +331,7 @@ void tolvarind::HandleIllegalMessage(const std::string& msg) {
   std::snprintf(command, sizeof(command),
                 "notify-send -i info -t 5000  非法访问  %s不属于应用白名单", msg.c_str());
   std::string output;
-  RunPeerCommand(command, output, kCommandTimeout);
+  RunPeerCommand(command, output, util::kCommandTimeout);
 }
 
 void tolvarind::DealUserInfoIni() {

@@ -10,14 +10,16 @@
 // returned true. The two threads share the channel, whose separate read and
 // write locks keep a blocked receive from holding up a heartbeat.
 //
-// Signals: the threads init() starts (heartbeat, channel reconnection) block
-// the termination signals and SIGPIPE, so a signal sent to the process is
-// always handled on the main thread, the one that runs exit().
+// Signals: the threads init() starts (heartbeat, channel reconnection) and the
+// HTTPS endpoint's thread keep the termination signals and SIGPIPE blocked;
+// the process's signal thread takes the termination signals (signals.h holds
+// the whole policy).
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -53,12 +55,6 @@ class tolvarind {
   // Rebuilds the resource launchers from the resource list.
   void DealUserInfoIni();
 
-  // For an exit() while the heartbeat thread runs (a termination signal):
-  // tells the thread to stop and waits, at most about a second, until it is
-  // outside a heartbeat, so that it does not log while the process's static
-  // objects (glog's among them) are destroyed. Takes no lock: safe from a
-  // signal handler's exit path on any thread.
-  void QuiesceHeartbeat();
 
   // The loopback HTTPS endpoint that relays request queries to the peer; not
   // started by the start-up sequence. Defined in https_server.cpp.
@@ -95,7 +91,7 @@ class tolvarind {
   bool StopHeartbeat(std::chrono::milliseconds timeout);
   void SetRefusal(const std::string& why);
 
-  TCP_Client* m_tcpClient;
+  std::unique_ptr<TCP_Client> m_tcpClient;
   char m_sandboxId[1024];
   std::string m_ipv4;  // cached heartbeat addresses; empty means probe again
   std::string m_ipv6;
@@ -103,7 +99,6 @@ class tolvarind {
 
   // Stopping the detached heartbeat thread, for the destructor and for exit.
   std::atomic<bool> m_beatStop{false};     // asks the thread to end
-  std::atomic<bool> m_beatBusy{false};     // the thread is sending (or about to)
   std::atomic<bool> m_beatRunning{false};  // the thread has not ended yet
   std::mutex m_beatMutex;                  // only for m_beatCv's wait
   std::condition_variable m_beatCv;        // cuts the 3-second wait short

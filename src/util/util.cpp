@@ -23,32 +23,12 @@
 #include <vector>
 
 #include "sdp_paths.h"
+#include "unique_fd.h"
 
 extern char** environ;
 
 namespace util {
 namespace {
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
-struct FileCloser {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
 // What a child that never reached the shell writes to its report pipe.
 constexpr char kDup2Failed = 'd';
@@ -290,6 +270,25 @@ void system_run(const std::string& cmd, const RunAs& as) {
   LogChildReport(reportRead.get());
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
+void getIconPathWithName(const std::set<std::string>& names,
+                         std::map<std::string, std::string>& out) {
+  static constexpr char kDesktopExt[] = ".desktop";
+  out.clear();
+  for (const std::string& name : names) {
+    const size_t slash = name.rfind('/');
+    const std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
+    // The directory constant ends in "/", so the path has "//": harmless, and
+    // the logs have always shown it so.
+    const std::string candidate =
+        std::string(sdp_paths::kSystemApplicationsDir) + "/" + base + kDesktopExt;
+    LOG(INFO) << "icon path is: " << candidate;
+    if (::access(candidate.c_str(), F_OK) != 0) continue;
+    const std::string launcher = base + kDesktopExt;
+    out.emplace(launcher, candidate);
+    LOG(INFO) << launcher << " icon path is :" << candidate;
   }
 }
 

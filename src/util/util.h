@@ -4,10 +4,16 @@
 
 #include <sys/types.h>
 
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace util {
+
+// Every external command the daemon runs gets this many seconds (the pop-up
+// script alone has no limit).
+inline constexpr int kCommandTimeout = 3;
 
 // Whom an external command runs as. The default is the daemon itself: its
 // uid, groups, environment and working directory, as always.
@@ -38,6 +44,12 @@ int system_output(const std::string& cmd, std::string& output, int timeout,
 // however long it takes; the status is not reported. Nothing is logged unless
 // the child cannot become `as` or start the shell. For the pop-up script.
 void system_run(const std::string& cmd, const RunAs& as);
+
+// Replaces `out` with launcher name -> path for every name (a plain name or a
+// path; only its last component counts) whose desktop entry exists in the
+// system applications directory. The first name in set order wins a clash.
+void getIconPathWithName(const std::set<std::string>& names,
+                         std::map<std::string, std::string>& out);
 
 // Copies `source` onto `destination` (truncating) and makes it mode 0755.
 // Reports on stderr/stdout only; true when the copy was written.

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -188,4 +189,36 @@ TEST_F(HomeAttack, UserNamesThatLeaveTheHomesOrEndAShellWordAreRefused) {
   ExpectOutsideUnchanged();
 }
 
+// Regression: with the desktop missing when it was looked at, the chmod of a
+// client launcher ran as root, and a desktop swapped in under the other name
+// a moment later led it through a link to root's file.
+TEST_F(HomeAttack, ChmodForAMissingDesktopRunsAsItsOwnerNeverRoot) {
+  std::filesystem::remove_all(kDesk);
+  ASSERT_TRUE(AsAlice([] {
+    return mkdir((kHome + "/prep").c_str(), 0755) == 0 &&
+           symlink("/opt/victim", (kHome + "/prep/client.desktop").c_str()) == 0;
+  }));
+  const pid_t racer = fork();
+  if (racer == 0) {
+    AsAlice([] {
+      const std::string a = kHome + "/prep", b = kHome + "/桌面";
+      const auto end = std::chrono::steady_clock::now() + 30s;
+      while (std::chrono::steady_clock::now() < end) {
+        rename(a.c_str(), b.c_str());
+        rename(b.c_str(), a.c_str());
+      }
+      return true;
+    });
+    _exit(0);
+  }
+  ASSERT_GT(racer, 0);
+  // Each start has about one chance in four to hit the gap.
+  for (int run = 0; run < 6 && Fingerprint("/opt/victim") == before_["/opt/victim"]; ++run) {
+    RunDaemonUntilServing();
+    StopDaemon();
+  }
+  kill(racer, SIGKILL);
+  waitpid(racer, nullptr, 0);
+  ExpectOutsideUnchanged();
+}
 }  // namespace
