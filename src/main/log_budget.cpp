@@ -68,13 +68,22 @@ int Sweep(const std::string& dir, const std::vector<std::string>& prefixes, uint
     // glog writes to the newest file of each severity and closes it before it
     // opens the next one, so every other file is closed for good. Names of
     // one process compare in time order (fixed-width time stamp).
-    std::vector<const File*> writing(prefixes.size(), nullptr);
-    for (const File& f : files)
-      if (f.pid == ownPid && (!writing[f.prefix] || writing[f.prefix]->name < f.name))
-        writing[f.prefix] = &f;
+    // A clock set back between two files makes the newer one the smaller
+    // name, so the newest by name and the newest written are both spared.
+    std::vector<const File*> byName(prefixes.size(), nullptr);
+    std::vector<const File*> byTime(prefixes.size(), nullptr);
+    const auto later = [](const File* a, const File& b) {
+      return std::tie(a->mtime.tv_sec, a->mtime.tv_nsec) <
+             std::tie(b.mtime.tv_sec, b.mtime.tv_nsec);
+    };
+    for (const File& f : files) {
+      if (f.pid != ownPid) continue;
+      if (!byName[f.prefix] || byName[f.prefix]->name < f.name) byName[f.prefix] = &f;
+      if (!byTime[f.prefix] || later(byTime[f.prefix], f)) byTime[f.prefix] = &f;
+    }
     std::vector<const File*> old;
     for (const File& f : files)
-      if (writing[f.prefix] != &f) old.push_back(&f);
+      if (byName[f.prefix] != &f && byTime[f.prefix] != &f) old.push_back(&f);
     std::sort(old.begin(), old.end(), [](const File* a, const File* b) {
       return std::tie(a->mtime.tv_sec, a->mtime.tv_nsec, a->name) <
              std::tie(b->mtime.tv_sec, b->mtime.tv_nsec, b->name);

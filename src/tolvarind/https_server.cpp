@@ -13,10 +13,10 @@
 #include <glog/logging.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -67,10 +67,18 @@ constexpr int kNameSize = 1024;
 // own frame limit with a WARNING.
 constexpr int kQueryBufferSize = 64511;
 constexpr char kReplyPage[] = "<html><body><p>https server</p></body></html>";
+// What one request may make the event loop hold: its request line (a query is
+// relayed up to kQueryBufferSize - 1 characters, the rest of a longer one is
+// cut anyway) and headers, and a body, which nothing reads. Larger requests
+// are refused by libevent with an error status before the handler runs.
+constexpr size_t kMaxHeadersSize = 128 * 1024;
+constexpr size_t kMaxBodySize = 64 * 1024;
 
 // Any local program decides how many lines a request writes and how long they
-// are, so their bytes are bounded: on average 1 KiB a second, 8 KiB at once.
-// A line that does not fit is left out whole; the request is served the same.
+// are, so their bytes are bounded: on average 1 KiB a second, with bursts of
+// 8 KiB and one line more (a longer line waits its turn rather than never
+// appearing). A line left out is left out whole; the request is served the
+// same.
 LineBudget g_requestLog(1024, 8192);
 // A line's cost: its text and glog's header, in each file it goes to (an
 // ERROR line goes to the WARNING and INFO files as well). Event loop only.
@@ -225,7 +233,7 @@ class ConnectionGuard {
       if (c->deadline <= now) due.push_back(c);
     for (Conn* c : due) {
       if (self->conns_.count(c) == 0) continue;  // freed by an earlier one's close
-      c->deadline = Clock::time_point::max();   // once; it goes when its SSL is freed
+      c->deadline = Clock::time_point::max();    // once; it goes when its SSL is freed
       // A null event callback: the server has already let go of the
       // connection and its buffer event only waits to be finalised.
       bufferevent_event_cb eventcb = nullptr;
@@ -265,7 +273,8 @@ class ConnectionGuard {
     LOG(ERROR) << "accept failed: " << strerror(err) << ", listener paused";
     self->errorPaused_ = true;
     self->UpdateListener();
-    const auto pause = std::chrono::duration_cast<std::chrono::microseconds>(self->limits_.acceptPause);
+    const auto pause =
+        std::chrono::duration_cast<std::chrono::microseconds>(self->limits_.acceptPause);
     const timeval tv{static_cast<time_t>(pause.count() / 1000000),
                      static_cast<suseconds_t>(pause.count() % 1000000)};
     evtimer_add(self->resume_, &tv);
@@ -389,6 +398,8 @@ int tolvarind::start_https_server() {
     return -1;
   }
   SSL_CTX_set_ex_data(ctx.get(), ConnectionGuard::CtxIndex(), &guard);
+  evhttp_set_max_headers_size(http.get(), kMaxHeadersSize);
+  evhttp_set_max_body_size(http.get(), kMaxBodySize);
   evhttp_set_bevcb(http.get(), create_ssl_bufferevent, ctx.get());
   evhttp_set_gencb(http.get(), handle_https_request, this);
 
@@ -426,9 +437,8 @@ struct bufferevent* tolvarind::create_ssl_bufferevent(struct event_base* base, v
   }
   struct bufferevent* bev = bufferevent_openssl_socket_new(
       base, -1, ssl, BUFFEREVENT_SSL_ACCEPTING, BEV_OPT_CLOSE_ON_FREE | BEV_OPT_DEFER_CALLBACKS);
-  auto* guard =
-      static_cast<ConnectionGuard*>(SSL_CTX_get_ex_data(static_cast<SSL_CTX*>(arg),
-                                                        ConnectionGuard::CtxIndex()));
+  auto* guard = static_cast<ConnectionGuard*>(
+      SSL_CTX_get_ex_data(static_cast<SSL_CTX*>(arg), ConnectionGuard::CtxIndex()));
   if (bev != nullptr && guard != nullptr) guard->Opened(ssl, bev);
   return bev;
 }
