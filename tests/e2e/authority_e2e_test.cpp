@@ -110,8 +110,8 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
       ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
     c.squat();
     e2e::Daemon daemon;
-    ASSERT_TRUE(daemon.WaitLog("not trusted: " + c.why, 8s, 2, "error")) << Errors(daemon);
-    EXPECT_TRUE(daemon.WaitLog("init error...", 2s, 2));
+    ASSERT_TRUE(daemon.WaitLog("not trusted: " + c.why, 20s, 2, "error")) << Errors(daemon);
+    EXPECT_TRUE(daemon.WaitLog("init error...", 10s, 2));
     EXPECT_EQ(daemon.Count("init finish.."), 0);
     EXPECT_FALSE(e2e::Exists(kMarker));
 
@@ -120,8 +120,8 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
       ASSERT_TRUE(KillAndReap(mallory));
       ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
     }
-    EXPECT_TRUE(daemon.WaitLog("init finish..", 8s));
-    EXPECT_TRUE(e2e::WaitUntil([] { return e2e::Exists(kMarker); }, 5s));
+    EXPECT_TRUE(daemon.WaitLog("init finish..", 20s));
+    EXPECT_TRUE(e2e::WaitUntil([] { return e2e::Exists(kMarker); }, 15s));
   }
 }
 
@@ -135,20 +135,20 @@ TEST(Authority, ReconnectionRefusesAForeignPeer) {
   sdppeer::PeerServer peer;
   ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
   e2e::Daemon daemon;
-  ASSERT_TRUE(daemon.WaitLog("init finish..", 8s));
+  ASSERT_TRUE(daemon.WaitLog("init finish..", 20s));
   peer.StopListening();
   peer.CloseAllConnections();
   const std::string touch = std::string("touch ") + kMarker;
   const pid_t mallory = ForeignPeer(testsupport::kOtherUid, sdppeer::EncodeFrame(2, 0x301, touch));
   EXPECT_TRUE(daemon.WaitLog(
-      std::string("not trusted: ") + sdp_paths::kDaemonSocket + ": peer uid 1001", 5s, 2, "error"))
+      std::string("not trusted: ") + sdp_paths::kDaemonSocket + ": peer uid 1001", 15s, 2, "error"))
       << Errors(daemon);
   ASSERT_TRUE(KillAndReap(mallory));
   EXPECT_FALSE(e2e::Exists(kMarker));
   ASSERT_TRUE(peer.Restart());
-  ASSERT_TRUE(peer.WaitAccepted(2, 5s));
-  ASSERT_TRUE(e2e::WaitUntil([&] { return peer.SendFrame(2, 0x301, touch); }, 2s));
-  EXPECT_TRUE(e2e::WaitUntil([] { return e2e::Exists(kMarker); }, 5s));
+  ASSERT_TRUE(peer.WaitAccepted(2, 15s));
+  ASSERT_TRUE(e2e::WaitUntil([&] { return peer.SendFrame(2, 0x301, touch); }, 10s));
+  EXPECT_TRUE(e2e::WaitUntil([] { return e2e::Exists(kMarker); }, 15s));
 }
 
 // alice's session: her own bus, run by her, and a notification service on it
@@ -193,7 +193,7 @@ GLib.MainLoop().run()
 )");
     const std::string asAlice = "setpriv --reuid=1000 --regid=1000 --init-groups ";
     bus_ = Spawn(asAlice + "dbus-daemon --session --nofork --address=unix:path=" + kBus);
-    ASSERT_TRUE(e2e::WaitUntil([] { return e2e::Exists(kBus); }, 5s));
+    ASSERT_TRUE(e2e::WaitUntil([] { return e2e::Exists(kBus); }, 15s));
     notifyd_ = Spawn(asAlice + "/usr/bin/python3 /run/user/1000/notifyd.py unix:path=" + kBus +
                      " " + kNotes + " > /run/user/1000/notifyd.out 2>&1");
     ASSERT_TRUE(e2e::WaitUntil(
@@ -223,7 +223,7 @@ TEST_F(DesktopSession, CommandsRunAsTheDesktopUserAndTheNotificationReachesHerBu
   sdppeer::PeerServer peer;
   ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
   e2e::Daemon daemon;
-  ASSERT_TRUE(daemon.WaitLog("init finish..", 8s));
+  ASSERT_TRUE(daemon.WaitLog("init finish..", 20s));
   ASSERT_TRUE(peer.WaitConnected(2s));
 
   const std::string who =

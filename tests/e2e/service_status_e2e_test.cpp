@@ -103,7 +103,7 @@ TEST(DaemonServiceStatus, ReadyOnceRegisteredAndStatusFollowsTheConnection) {
 
   peer.StopListening();
   peer.CloseConnection();
-  ASSERT_TRUE(manager.WaitFor("STATUS=connection to the peer lost, reconnecting", 5s));
+  ASSERT_TRUE(manager.WaitFor("STATUS=connection to the peer lost, reconnecting", 10s));
   const size_t before = manager.messages().size();
   ASSERT_TRUE(peer.Restart());
   ASSERT_TRUE(e2e::WaitUntil(
