@@ -47,11 +47,14 @@ class DaemonReconnect : public e2e::SharedRun {
 TEST_F(DaemonReconnect, OversizeFrameDropsTheConnectionAndItComesBack) {
   const uint64_t accepted = peer_->AcceptedCount();
   const int failures = daemon_->Count("read  package  failed", "error");
+  const char kLost[] = "daemon_client recv message failed, wailt reconnect";
+  const int lost = daemon_->Count(kLost, "error");
   // A header announcing one byte more than a frame may carry; no body follows.
   ASSERT_TRUE(peer_->SendRaw(sdppeer::EncodeHeader(0, 2, 4097, 64504)));
   ASSERT_TRUE(daemon_->WaitLog("read  package  failed", 5s, failures + 1, "error"));
   EXPECT_GE(daemon_->Count("got error message:2 4097 0 64504", "error"), 1);
-  EXPECT_GE(daemon_->Count("daemon_client recv message failed, wailt reconnect", "error"), 1);
+  // Logged just after the failed read: waited for, not merely counted.
+  EXPECT_TRUE(daemon_->WaitLog(kLost, 5s, lost + 1, "error"));
   ExpectServedOn(accepted + 1, "/tmp/rec/after-oversize");
 }
 

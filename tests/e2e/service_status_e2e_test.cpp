@@ -111,7 +111,7 @@ TEST(DaemonServiceStatus, ReadyOnceRegisteredAndStatusFollowsTheConnection) {
         return manager.messages().size() > before &&
                manager.messages().back() == "STATUS=registered with sandbox abc";
       },
-      8s));
+      20s));
 
   for (pid_t sender : manager.senders()) EXPECT_EQ(sender, daemon.pid());
   EXPECT_EQ(e2e::SanitizerReport(daemon.Stderr()), "");
