@@ -103,12 +103,15 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
     peer.SetConnectionCallback([&peer, &touch](uint64_t, bool up) {
       if (up) peer.SendFrame(2, 0x301, touch);
     });
-    pid_t mallory = -1;
-    if (c.foreignPeer)
-      mallory = ForeignPeer(testsupport::kOtherUid, sdppeer::EncodeFrame(2, 0x301, touch));
-    else
-      ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
+    // Squatted first: a foreign peer binds only where the squat let it.
     c.squat();
+    pid_t mallory = -1;
+    if (c.foreignPeer) {
+      mallory = ForeignPeer(testsupport::kOtherUid, sdppeer::EncodeFrame(2, 0x301, touch));
+      ASSERT_TRUE(e2e::WaitUntil([] { return e2e::Exists(sdp_paths::kDaemonSocket); }, 5s));
+    } else {
+      ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
+    }
     e2e::Daemon daemon;
     ASSERT_TRUE(daemon.WaitLog("not trusted: " + c.why, 20s, 2, "error")) << Errors(daemon);
     EXPECT_TRUE(daemon.WaitLog("init error...", 10s, 2));
