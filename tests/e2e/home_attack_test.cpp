@@ -100,6 +100,7 @@ class HomeAttack : public ::testing::Test {
     ASSERT_TRUE(peer_->Listen(sdp_paths::kDaemonSocket, &error)) << error;
     daemon_ = std::make_unique<e2e::Daemon>();
     ASSERT_TRUE(daemon_->WaitLog("deal user resource size:", 15s, 1, "error"));
+    ASSERT_TRUE(peer_->WaitAccepted(1, 5s));  // connect() may return before the accept
     ASSERT_TRUE(peer_->SendFrame(2, 0x301, "true"));
     EXPECT_TRUE(daemon_->WaitLog(" got SANDBOX_S2B_OPENBSAPP message from server res:", 15s))
         << "the command loop is stuck";
