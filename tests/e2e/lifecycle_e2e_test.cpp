@@ -108,7 +108,7 @@ TEST(DaemonSignals, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReporte
           if (d.Running()) return false;
         return true;
       },
-      10s));
+      30s));
 
   for (size_t i = 0; i < std::size(cases); ++i) {
     const int sig = cases[i].sig;
