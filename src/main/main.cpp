@@ -15,6 +15,7 @@
 #include "tolvarind.h"
 
 int main(int argc, char** argv) {
+  BlockTerminationSignals();  // until the signal thread takes them (signals.h)
   // Opt-in: the loopback HTTPS endpoint, which the start-up sequence never runs.
   bool https_endpoint = false;
   for (int i = 1; i < argc; ++i)

@@ -64,6 +64,11 @@ sigset_t TerminationSignals() {
   return set;
 }
 
+void BlockTerminationSignals() {
+  const sigset_t set = TerminationSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 void StartTerminationSignalThread(std::function<void()> chore, std::chrono::seconds period) {
   // glog takes a lock for every line and aborts when a thread takes it twice:
   // a handler that logs on a thread the signal caught in the middle of a line
@@ -71,7 +76,7 @@ void StartTerminationSignalThread(std::function<void()> chore, std::chrono::seco
   // taken here, a termination signal runs the handler on a thread that holds
   // nothing, and its line waits for the one in progress.
   const sigset_t set = TerminationSignals();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  BlockTerminationSignals();
   try {
     std::thread([set, chore = std::move(chore), period] {
       // Every other signal is for the rest of the process: a crash signal

@@ -32,6 +32,14 @@ void signalChildHandler(int sig);
 // SIGTERM, SIGQUIT, SIGUSR1 and SIGUSR2.
 sigset_t TerminationSignals();
 
+// Blocks the termination signals in the calling thread (and the threads it
+// starts later). Called first thing in main: a signal that came after the
+// handler was installed but before the signal thread took over would run the
+// handler on the main thread, perhaps in the middle of a log line, and glog's
+// lock taken twice hangs or aborts the process. Blocked, it waits for the
+// signal thread.
+void BlockTerminationSignals();
+
 // Blocks the termination signals in the calling thread and in every thread it
 // starts later, and starts a thread that takes them with sigwait and hands
 // each to signalChildHandler. Called once, from main, before any other thread
