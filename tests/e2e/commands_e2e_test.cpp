@@ -23,10 +23,12 @@ using Lines = std::vector<std::string>;
 
 class DaemonCommands : public e2e::SharedRun {
  protected:
-  // A broken pipe before any command has run is only logged.
+  // A broken pipe before any command has run is only logged. Sent once the
+  // main thread waits in the loop's receive: its handler logs, and on a thread
+  // caught inside a log line it would wait for glog's lock for ever.
   static void SetUpTestSuite() {
-    StartRun() && (daemon_->WaitLog("setupSignal done.", 5s) || Fail("no start-up")) &&
-        daemon_->Signal(SIGPIPE) && WaitLoop();
+    StartRun() && WaitLoop() && daemon_->Signal(SIGPIPE) &&
+        (daemon_->WaitLog("Daemon Child Recv Signal:13", 10s) || Fail("SIGPIPE not logged"));
   }
 
   // Sends the frames and the sentinel; returns the loop's main-thread lines

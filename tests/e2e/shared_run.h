@@ -31,7 +31,7 @@ class SharedRun : public ::testing::Test {
   // The peer's side too: the daemon's connect() returns before the peer has
   // accepted, and a frame can only go out on an accepted connection.
   static bool WaitLoop() {
-    return (daemon_->WaitLog("read userinfo failed!", std::chrono::seconds(12), 1, "error") &&
+    return (daemon_->WaitLog("read userinfo failed!", std::chrono::seconds(30), 1, "error") &&
             peer_->WaitAccepted(1, std::chrono::seconds(5))) ||
            Fail("never in the loop");
   }
