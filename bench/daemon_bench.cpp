@@ -37,7 +37,8 @@
 #include "CSComm.h"
 #include "bench_report.h"
 #include "daemon_bench.h"
-#include "daemon_run.h"
+#include "daemon_harness.h"
+#include "measure.h"
 #include "peer_server.h"
 #include "sandbox.h"
 #include "sandbox_log.h"
@@ -96,7 +97,7 @@ bool Daemon::Start(bool answerHeartbeats, const std::vector<std::string>& args,
   }
   argv.push_back(TOLVARIND_BIN);
   argv.insert(argv.end(), args.begin(), args.end());
-  proc = std::make_unique<benchrun::Child>(argv, "", env);
+  proc = std::make_unique<harness::Process>(argv, "", env);
   if (!proc->Started()) {
     std::fprintf(stderr, "could not start %s\n", argv[0].c_str());
     return false;
@@ -106,7 +107,7 @@ bool Daemon::Start(bool answerHeartbeats, const std::vector<std::string>& args,
     std::fprintf(stderr, "daemon did not register\n");
     return false;
   }
-  if (!benchrun::WaitUntil(
+  if (!harness::WaitUntil(
           [this] {
             log.SetPath(benchrun::InfoLogPath(proc->pid()));
             return !log.path().empty();
@@ -121,7 +122,7 @@ bool Daemon::Start(bool answerHeartbeats, const std::vector<std::string>& args,
 bool Daemon::WaitLines(const char* prefix, size_t count, benchrun::Millis timeout,
                        benchrun::LogLine* last) {
   size_t seen = 0;
-  return benchrun::WaitUntil(
+  return harness::WaitUntil(
       [&] {
         for (auto& l : log.Poll()) {
           if (keepLines) lines.push_back(l);
@@ -170,19 +171,19 @@ double ReaderBurst(const std::string& burst, size_t frames, bool glog) {
   const std::string sock = "/tmp/bench-reader.sock";
   const std::string logDir = sdp_paths::kLogDir;
   const std::string prefix = glog ? "min_reader.glog." : "min_reader.log";
-  benchrun::EmptyDir(logDir);
+  harness::EmptyDir(logDir);
   sdppeer::PeerServer peer;
   if (!peer.Listen(sock)) return -1;
   std::vector<std::string> argv{MIN_READER_BIN};
   if (glog) argv.push_back("--glog");
   argv.push_back(sock);
   argv.push_back(logDir + "/" + prefix);
-  benchrun::Child reader(argv);
+  harness::Process reader(argv);
   if (!peer.WaitConnected(5000ms)) return -1;
   benchrun::LogTail tail;
   size_t seen = 0;
   auto wait = [&](size_t n, benchrun::LogLine* last) {
-    return benchrun::WaitUntil(
+    return harness::WaitUntil(
         [&] {
           if (tail.path().empty()) {
             // glog names its file itself: the prefix, a time stamp and the pid.
@@ -218,7 +219,7 @@ bool RunDispatch(const Options& opt) {
   // The daemon as it runs by default, then with TZ set in its environment:
   // with TZ unset, glibc looks at /etc/localtime again for every glog line.
   auto daemonBurst = [&](const std::vector<std::string>& env) -> double {
-    benchrun::EmptyDir(sdp_paths::kLogDir);
+    harness::EmptyDir(sdp_paths::kLogDir);
     Daemon d;
     if (!d.Start(false, {}, env) || !d.WaitLoop()) return -1;
     return TimedBurst(d.peer, burst, opt.frames, [&](size_t n, benchrun::LogLine* last) {
@@ -260,7 +261,7 @@ namespace {
 class CreateWatch {
  public:
   explicit CreateWatch(const std::string& dir) : fd_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-    benchrun::MakeDirs(dir);
+    harness::MakeDirs(dir);
     if (fd_ >= 0) inotify_add_watch(fd_, dir.c_str(), IN_CREATE);
   }
   ~CreateWatch() {
@@ -295,7 +296,7 @@ bool RunLatency(const Options& opt) {
   std::printf("\n== Command latency: %d commands (code 769), daemon against bare fork/exec ==\n",
               opt.commands);
   const std::string dir = "/tmp/bench-marks";
-  benchrun::EmptyDir(dir);
+  harness::EmptyDir(dir);
   CreateWatch watch(dir);
   Daemon d;
   if (!d.Start(false) || !d.WaitLoop()) return false;
@@ -449,7 +450,7 @@ bool RunOutage(const Options& opt) {
 
   const double back = benchrun::MonoSeconds();
   if (!d.peer.Restart()) return false;
-  if (!benchrun::WaitUntil([&] { return d.peer.AcceptedCount() > accepted; }, 10000ms, 1ms)) {
+  if (!harness::WaitUntil([&] { return d.peer.AcceptedCount() > accepted; }, 10000ms, 1ms)) {
     std::fprintf(stderr, "the daemon did not reconnect within 10 s\n");
     return false;
   }
@@ -499,21 +500,21 @@ void WriteLauncherInputs(int n) {
     aum += "res" + std::to_string(i) + "=https://app" + std::to_string(i) + ".example/\n";
   }
   json += "]}\n";
-  benchrun::WriteFile(sdp_paths::kResourceJson, json);
-  benchrun::WriteFile(sdp_paths::kUserinfoIni, std::string("[UserInfo]\nSysUserName=") + kBenchUser +
+  harness::WriteFile(sdp_paths::kResourceJson, json);
+  harness::WriteFile(sdp_paths::kUserinfoIni, std::string("[UserInfo]\nSysUserName=") + kBenchUser +
                                                    "\n" + aum +
                                                    "[CustomJumpPolicy]\nJumpBrowser=browser\n");
   std::string whitelist = "enabled=1\n";
   for (int i = 0; i < n; ++i) {
     const std::string app = "wlapp" + std::to_string(i);
     whitelist += "/usr/bin/" + app + "\n";
-    benchrun::WriteFile(std::string(sdp_paths::kSystemApplicationsDir) + app + ".desktop",
+    harness::WriteFile(std::string(sdp_paths::kSystemApplicationsDir) + app + ".desktop",
                         "[Desktop Entry]\nName=" + app + "\nExec=/usr/bin/" + app +
                             "\nType=Application\n");
   }
-  benchrun::WriteFile(sdp_paths::kWhitelistClientConf, whitelist);
-  benchrun::MakeDirs(std::string(sdp_paths::kHomeDir) + kBenchUser + sdp_paths::kUserDesktopDir);
-  benchrun::MakeDirs(sdp_paths::kClientApplicationsDir);
+  harness::WriteFile(sdp_paths::kWhitelistClientConf, whitelist);
+  harness::MakeDirs(std::string(sdp_paths::kHomeDir) + kBenchUser + sdp_paths::kUserDesktopDir);
+  harness::MakeDirs(sdp_paths::kClientApplicationsDir);
 }
 
 int CountFiles(const std::string& dir) {
@@ -541,8 +542,8 @@ bool RunLaunchers(const Options& opt) {
     for (const std::string& dir :
          {std::string(sdp_paths::kHomeDir) + kBenchUser, std::string(sdp_paths::kSystemApplicationsDir),
           std::string(sdp_paths::kInstallDir), std::string(sdp_paths::kCfsDir)})
-      benchrun::EmptyDir(dir);
-    benchrun::PrepareInstallation("bench");
+      harness::EmptyDir(dir);
+    harness::PrepareInstallation("bench");
     WriteLauncherInputs(n);
 
     Daemon d;
@@ -631,7 +632,7 @@ int main(int argc, char** argv) {
   testsupport::EnterSandbox({TOLVARIND_SOURCE_DIR, TOLVARIND_BINARY_DIR});
   // A daemon that is killed must not take the benchmark with it.
   signal(SIGPIPE, SIG_IGN);
-  benchrun::PrepareInstallation("bench");
+  harness::PrepareInstallation("bench");
 
   const std::vector<std::pair<std::string, bool (*)(const Options&)>> all = {
       {"dispatch", RunDispatch}, {"latency", RunLatency}, {"footprint", RunFootprint},
@@ -640,7 +641,7 @@ int main(int argc, char** argv) {
   for (const auto& [name, fn] : all) {
     if (what != "all" && what != name) continue;
     ran = true;
-    benchrun::PrepareInstallation("bench");
+    harness::PrepareInstallation("bench");
     if (!fn(opt)) {
       std::printf("FAILED %s\n", name.c_str());
       ok = false;

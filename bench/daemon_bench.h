@@ -13,7 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "daemon_run.h"
+#include "daemon_harness.h"
+#include "measure.h"
 #include "peer_server.h"
 
 namespace benchd {
@@ -52,7 +53,7 @@ struct Daemon {
   void Stop();
 
   sdppeer::PeerServer peer;
-  std::unique_ptr<benchrun::Child> proc;
+  std::unique_ptr<harness::Process> proc;
   benchrun::LogTail log;
   bool keepLines = false;               // keep every line read in `lines`
   std::vector<benchrun::LogLine> lines;

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <string>
 
-#include "daemon_run.h"
+#include "measure.h"
 
 namespace {
 

@@ -21,7 +21,8 @@
 #include "CSComm.h"
 #include "bench_report.h"
 #include "daemon_bench.h"
-#include "daemon_run.h"
+#include "daemon_harness.h"
+#include "measure.h"
 #include "sdp_paths.h"
 
 using benchreport::Fmt;
@@ -59,16 +60,16 @@ using Load = figures::WrkReport;
 // One wrk run of `seconds` against `url`: one thread, eight keep-alive connections.
 Load RunWrk(const std::string& url, int seconds) {
   const std::string out = std::string(kNginxDir) + "/wrk.out";
-  benchrun::Child wrk({"wrk", "-t1", "-c8", "-d" + std::to_string(seconds) + "s", "--latency", url},
+  harness::Process wrk({"wrk", "-t1", "-c8", "-d" + std::to_string(seconds) + "s", "--latency", url},
                       out);
   if (!wrk.Started() ||
-      !benchrun::WaitUntil([&] { return !wrk.Running(); }, std::chrono::seconds(seconds + 30), 50ms))
+      !harness::WaitUntil([&] { return !wrk.Running(); }, std::chrono::seconds(seconds + 30), 50ms))
     return Load{};
   return figures::ParseWrk(ReadAll(out));
 }
 
 bool MakeCertificate() {
-  benchrun::MakeDirs(sdp_paths::kCertDir);
+  harness::MakeDirs(sdp_paths::kCertDir);
   const std::string dir = sdp_paths::kCertDir;
   // The daemon looks for these names when certinfo.ini names none.
   const std::string cmd =
@@ -81,13 +82,13 @@ bool MakeCertificate() {
 void WriteNginxConfig() {
   const std::string dir = kNginxDir;
   const std::string certDir = sdp_paths::kCertDir;
-  benchrun::MakeDirs(dir + "/www");
-  benchrun::WriteFile(dir + "/www/index.html", kPage);
+  harness::MakeDirs(dir + "/www");
+  harness::WriteFile(dir + "/www/index.html", kPage);
   // One worker, TLS 1.2 and later on P-256 with the daemon's certificate, no
   // access log (the daemon writes one line per request; nginx's log is off to
   // give the baseline its best figure), and no cap on requests per connection,
   // as the daemon has none.
-  benchrun::WriteFile(dir + "/nginx.conf",
+  harness::WriteFile(dir + "/nginx.conf",
                       "worker_processes 1;\n"
                       "daemon off;\n"
                       "user root;\n"
@@ -119,8 +120,8 @@ void WriteNginxConfig() {
 bool RunHttps(const Options& opt) {
   std::printf("\n== HTTPS relay: wrk, 1 thread, 8 keep-alive TLS connections, %d s per run ==\n",
               opt.httpsSeconds);
-  benchrun::EmptyDir(kNginxDir);
-  benchrun::MakeDirs(kNginxDir);
+  harness::EmptyDir(kNginxDir);
+  harness::MakeDirs(kNginxDir);
   if (!MakeCertificate()) {
     std::fprintf(stderr, "openssl could not make a certificate\n");
     return false;
@@ -135,7 +136,7 @@ bool RunHttps(const Options& opt) {
   auto runDaemon = [&]() -> bool {
     Daemon d;
     if (!d.Start(false, {"--https-endpoint"}) ||
-        !benchrun::WaitUntil([] { return Listening(kDaemonPort); }, 10000ms)) {
+        !harness::WaitUntil([] { return Listening(kDaemonPort); }, 10000ms)) {
       std::fprintf(stderr, "the daemon's HTTPS endpoint did not come up\n");
       return false;
     }
@@ -159,9 +160,9 @@ bool RunHttps(const Options& opt) {
     return true;
   };
   auto runNginx = [&]() -> bool {
-    benchrun::Child nginx({"nginx", "-p", kNginxDir, "-c", std::string(kNginxDir) + "/nginx.conf"},
+    harness::Process nginx({"nginx", "-p", kNginxDir, "-c", std::string(kNginxDir) + "/nginx.conf"},
                           std::string(kNginxDir) + "/nginx.out");
-    if (!benchrun::WaitUntil([] { return Listening(kNginxPort); }, 10000ms)) {
+    if (!harness::WaitUntil([] { return Listening(kNginxPort); }, 10000ms)) {
       std::fprintf(stderr, "nginx did not come up:\n%s%s", ReadAll(std::string(kNginxDir) + "/nginx.out").c_str(),
                    ReadAll(std::string(kNginxDir) + "/error.log").c_str());
       return false;

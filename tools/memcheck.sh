@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The daemon's end-to-end run under valgrind memcheck (tests/fault, ctest
+# The daemon's end-to-end run under valgrind memcheck (tests/e2e, ctest
 # label memcheck): builds the daemon and the scenario in a plain build and runs
 # it. Fails on any invalid read or write and on any definite or indirect leak.
 # Usage: tools/memcheck.sh [build dir]   (default: build)
@@ -17,6 +17,6 @@ if grep -qs '^TOLVARIND_SANITIZE:STRING=..*' "$build/CMakeCache.txt"; then
   exit 1
 fi
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo ${CMAKE_ARGS:-}
-cmake --build "$build" -j"$(nproc)" --target tolvarind fault_memcheck_test
+cmake --build "$build" -j"$(nproc)" --target tolvarind daemon_e2e_test
 ctest --test-dir "$build" --output-on-failure -V -L memcheck | grep -E 'memcheck:|tests passed|tests failed|Passed|Failed|Failure|\[ *(OK|FAILED) *\]'
 exit "${PIPESTATUS[0]}"

@@ -1,12 +1,8 @@
-#include "daemon_run.h"
+#include "measure.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -21,76 +17,8 @@
 
 #include "sdp_paths.h"
 
-extern char** environ;
 
 namespace benchrun {
-
-bool WaitUntil(const std::function<bool()>& pred, Millis timeout, Millis step) {
-  const auto end = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < end) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(step);
-  }
-  return pred();
-}
-
-void MakeDirs(const std::string& path) {
-  for (size_t i = 1; i <= path.size(); ++i)
-    if (i == path.size() || path[i] == '/') mkdir(path.substr(0, i).c_str(), 0755);
-}
-
-void WriteFile(const std::string& path, const std::string& text, unsigned mode) {
-  const size_t slash = path.rfind('/');
-  if (slash != std::string::npos && slash > 0) MakeDirs(path.substr(0, slash));
-  const std::string part = path + ".writing";
-  {
-    std::ofstream out(part, std::ios::binary | std::ios::trunc);
-    out << text;
-  }
-  chmod(part.c_str(), mode);
-  rename(part.c_str(), path.c_str());
-}
-
-namespace {
-
-void EmptyDirOn(const std::string& dir, dev_t dev) {
-  DIR* d = opendir(dir.c_str());
-  if (!d) return;
-  while (dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      // Another file system below: a tree the sandbox keeps reachable (the
-      // source or build tree), never ours to clear.
-      if (st.st_dev != dev) continue;
-      EmptyDirOn(path, dev);
-      rmdir(path.c_str());
-    } else {
-      unlink(path.c_str());
-    }
-  }
-  closedir(d);
-}
-
-}  // namespace
-
-void EmptyDir(const std::string& dir) {
-  struct stat st;
-  if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return;
-  EmptyDirOn(dir, st.st_dev);
-}
-
-void PrepareInstallation(const std::string& sandboxId) {
-  MakeDirs(sdp_paths::kLogDir);
-  MakeDirs(sdp_paths::kCfsDir);
-  // The scripts do nothing: the benchmarks measure the daemon, not them.
-  for (const char* script : {sdp_paths::kSsoScript, sdp_paths::kPopupScript, sdp_paths::kAumScript})
-    WriteFile(script, "#!/bin/sh\nexit 0\n", 0755);
-  WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=" + sandboxId + "\n");
-}
 
 int64_t NowMicrosOfDay() {
   timeval tv;
@@ -143,64 +71,6 @@ std::string InfoLogPath(pid_t pid) {
   }
   closedir(d);
   return found;
-}
-
-Child::Child(const std::vector<std::string>& argv, const std::string& out,
-             const std::vector<std::string>& env) {
-  std::vector<std::string> envs = env;
-  for (char** e = environ; *e; ++e) {
-    const char* eq = std::strchr(*e, '=');
-    const size_t n = eq ? static_cast<size_t>(eq - *e) + 1 : std::strlen(*e);
-    bool replaced = false;
-    for (const auto& x : env) replaced = replaced || x.compare(0, n, *e, n) == 0;
-    if (!replaced) envs.push_back(*e);
-  }
-  std::vector<char*> cenv;
-  for (auto& e : envs) cenv.push_back(e.data());
-  cenv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  const std::string sink = out.empty() ? "/dev/null" : out;
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, sink.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attr, &none);
-  posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::vector<std::string> args = argv;
-  std::vector<char*> cargv;
-  for (auto& a : args) cargv.push_back(a.data());
-  cargv.push_back(nullptr);
-  pid_t pid = -1;
-  if (posix_spawnp(&pid, cargv[0], &actions, &attr, cargv.data(), cenv.data()) == 0) pid_ = pid;
-  posix_spawnattr_destroy(&attr);
-  posix_spawn_file_actions_destroy(&actions);
-}
-
-Child::~Child() {
-  if (Running()) Stop(SIGKILL, Millis(5000));
-}
-
-bool Child::Running() {
-  if (pid_ <= 0 || reaped_) return false;
-  int status = 0;
-  if (waitpid(pid_, &status, WNOHANG) == pid_) {
-    reaped_ = true;
-    return false;
-  }
-  return true;
-}
-
-bool Child::Stop(int sig, Millis timeout) {
-  if (!Running()) return true;
-  kill(pid_, sig);
-  return WaitUntil([this] { return !Running(); }, timeout);
 }
 
 namespace {

@@ -1,6 +1,6 @@
-// What the daemon-level benchmarks share: the installation a run needs, the
-// real `tolvarind` binary started as a child, its INFO log read as it grows,
-// and the process's own figures from /proc.
+// What the daemon-level benchmarks measure with, on top of the daemon harness
+// (tests/support/daemon_harness.h): clocks, the daemon's INFO log read as it
+// grows, and a process's own figures from /proc.
 //
 // REQUIRES: the process is in the test sandbox (testsupport::EnterSandbox), so
 // every fixed path used here is a private tmpfs.
@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,19 +18,6 @@
 namespace benchrun {
 
 using Millis = std::chrono::milliseconds;
-
-// Polls `pred` every `step` until it holds or `timeout` passes; its last value.
-bool WaitUntil(const std::function<bool()>& pred, Millis timeout, Millis step = Millis(5));
-
-void MakeDirs(const std::string& path);
-void WriteFile(const std::string& path, const std::string& text, unsigned mode = 0644);
-// Removes everything below `dir`, keeping `dir` itself, without crossing into
-// another file system (a bind-mounted tree stays untouched).
-void EmptyDir(const std::string& dir);
-
-// The installation every run needs: log directory, the peer's session
-// directory, safespace.ini with `sandboxId`, and harmless scripts.
-void PrepareInstallation(const std::string& sandboxId);
 
 // Wall-clock time of day in microseconds, local time, the clock glog's line
 // headers show.
@@ -58,29 +44,6 @@ class LogTail {
 
 // The INFO log of daemon `pid`, once glog has created it; empty before.
 std::string InfoLogPath(pid_t pid);
-
-// A child process: the daemon binary, or any other program (argv[0] is looked
-// up in PATH unless it holds a slash), with stdin from /dev/null and
-// stdout/stderr into `out` (or /dev/null when empty).
-class Child {
- public:
-  // `env` entries ("NAME=value") are added to (or replace) the inherited ones.
-  Child(const std::vector<std::string>& argv, const std::string& out = "",
-        const std::vector<std::string>& env = {});
-  ~Child();  // SIGKILL and reap if still running
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  pid_t pid() const { return pid_; }
-  bool Started() const { return pid_ > 0; }
-  bool Running();
-  // Sends `sig` and waits for the exit; true when it ended within `timeout`.
-  bool Stop(int sig, Millis timeout);
-
- private:
-  pid_t pid_ = -1;
-  bool reaped_ = false;
-};
 
 // Resident set size in KiB (VmRSS), or -1.
 long RssKiB(pid_t pid);
