@@ -1,73 +1,66 @@
+// The probes against route tables of our own and against the sandbox's
+// interfaces, where vtest0 carries 10.0.0.5 and the default route.
 #include "netprobe.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
-#include <string>
 
 #include "log_capture.h"
 
 namespace {
 
-// A route table in the scratch directory; `body` follows the column titles.
-std::string RouteFile(const std::string& body) {
-  const char* tmp = std::getenv("TMPDIR");
-  const std::string path = std::string(tmp && *tmp ? tmp : TOLVARIND_TEST_SCRATCH) + "/route." +
-                           std::to_string(getpid());
-  std::ofstream(path) << "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\t"
-                         "Window\tIRTT\n"
-                      << body;
-  return path;
-}
-
 std::string Route(const char* iface, const char* dest, const char* flags, const char* mask) {
-  return std::string(iface) + "\t" + dest + "\t0101A8C0\t" + flags + "\t0\t0\t0\t" + mask +
-         "\t0\t0\t0\n";
+  return std::string(iface) + "\t" + dest + "\t0101A8C0\t" + flags + "\t0\t0\t0\t" + mask + "\n";
 }
 
-TEST(DefaultRouteInterface, PicksFirstUpRouteToEverywhere) {
+TEST(Netprobe, DefaultRouteIsTheFirstUpRouteToEverywhere) {
+  const std::string up = "00000000\t0101A8C0\t0003\t0\t0\t0\t00000000";
   const struct {
     std::string body, want;
   } cases[] = {
       {"", ""},
-      {Route("eth0", "0000A8C0", "0001", "00FFFFFF") +
-           Route("wlan0", "00000000", "0003", "00000000"),
-       "wlan0"},
-      {Route("eth1", "00000000", "0003", "00000000") +
-           Route("eth0", "00000000", "0003", "00000000"),
-       "eth1"},
-      {Route("eth0", "00000000", "0002", "00000000") +
-           Route("eth1", "00000000", "0003", "00000000"),
-       "eth1"},
+      {Route("eth0", "0000A8C0", "0001", "00FFFFFF") + "wlan0\t" + up + "\n", "wlan0"},
+      {"eth1\t" + up + "\neth0\t" + up + "\n", "eth1"},
+      {Route("eth0", "00000000", "0002", "00000000") + "eth1\t" + up + "\n", "eth1"},
       {Route("eth0", "00000000", "0001", "000000FF"), ""},
-      {"garbage\n\n\t\t\neth0 zz 00 0001\n" + Route("eth2", "00000000", "0003", "00000000"),
-       "eth2"},
-      {Route("abcdefghijklmnopq", "00000000", "0003", "00000000"), ""},  // too long for a name
-      {"eth3\t00000000\t0101A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0", "eth3"},  // no line feed
+      {"garbage\n\n\t\t\neth0 zz 00 0001\neth2\t" + up + "\n", "eth2"},
+      {"abcdefghijklmnop\t" + up + "\n", ""},         // too long for a name
+      {"abcdefghijklmno\t" + up, "abcdefghijklmno"},  // the longest name, no line feed
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.body);
-    const std::string path = RouteFile(c.body);
-    EXPECT_EQ(netprobe::DefaultRouteInterface(path.c_str()), c.want);
-    unlink(path.c_str());
+    std::ofstream("/tmp/route") << "Iface\tDestination\tGateway\tFlags\tRefCnt\tUse\tMetric\tMask\n"
+                                << c.body;
+    EXPECT_EQ(netprobe::DefaultRouteInterface("/tmp/route"), c.want);
   }
+  testsupport::LogCapture logs;
+  EXPECT_EQ(netprobe::GetSystemIpv4("/tmp/route") + netprobe::GetSystemIpv6("/tmp/route"), "");
+  EXPECT_EQ(netprobe::GetSystemIpv4("/nonexistent/route"), "");
+  EXPECT_EQ(logs.count_prefix("open route table failed:/nonexistent/route"), 1);
 }
 
-TEST(DefaultRouteInterface, ProbesGiveNothingWithoutARouteOrAnInterface) {
+// Only what this test adds, no link-local addresses anywhere. "vtes" is a
+// prefix of "vtest0" and counts; "vtest1" and "lo" do not.
+TEST(Netprobe, Ipv6JoinsTheAddressesOfPrefixNamedInterfaces) {
+  const auto ip = [](const std::string& commands) {
+    return std::system(("PATH=$PATH:/usr/sbin:/sbin; set -e; " + commands).c_str());
+  };
+  ASSERT_EQ(ip("ip -6 addr flush dev vtest0; ip link add vtes type veth peer name vtesx; "
+               "for l in vtes vtesx; do ip link set $l addrgenmode none; ip link set $l up; done; "
+               "ip -6 addr add 2001:db8::5/64 dev vtest0 nodad; ip -6 addr add 2001:db8::6/64 dev "
+               "vtest0 nodad; ip -6 addr add 2001:db8:1::7/64 dev vtes nodad; "
+               "ip -6 addr add 2001:db8:2::8/64 dev vtest1 nodad"),
+            0);
   testsupport::LogCapture logs;
-  EXPECT_EQ(netprobe::DefaultRouteInterface("/nonexistent/route"), "");
-  EXPECT_EQ(logs.count_prefix("open route table failed:/nonexistent/route"), 1);
-  for (const std::string& body :
-       {std::string(), Route("nosuch9", "00000000", "0003", "00000000")}) {
-    const std::string path = RouteFile(body);
-    logs.clear();
-    EXPECT_EQ(netprobe::GetSystemIpv4(path.c_str()), "");
-    EXPECT_EQ(netprobe::GetSystemIpv6(path.c_str()), "");
-    EXPECT_EQ(logs.count_prefix("no default route in " + path), body.empty() ? 2 : 0);
-    unlink(path.c_str());
+  const std::string got = ";" + netprobe::GetSystemIpv6() + ";";
+  for (const std::string want : {"2001:db8::5", "2001:db8::6", "2001:db8:1::7"}) {
+    EXPECT_NE(got.find(";" + want + ";"), std::string::npos) << got;
+    EXPECT_TRUE(logs.has("get_system_ipv6:" + want, google::GLOG_INFO)) << want;
   }
+  EXPECT_EQ(logs.count_prefix("get_system_ipv6:"), 3);
+  ASSERT_EQ(ip("ip link del vtes; ip -6 addr flush dev vtest0"), 0);
+  EXPECT_EQ(netprobe::GetSystemIpv6(), "");
 }
 
 }  // namespace
