@@ -1,31 +1,24 @@
 // The server end of the daemon channel: stands in for the peer daemon `ventrald`
-// in the channel tests, the daemon's end-to-end tests and tools/ventrald-sim.
+// in the channel tests, the daemon's end-to-end and fault tests, tools/ventrald-sim
+// and bench/.
 //
-// One background I/O thread accepts connections on a Unix stream socket and cuts
-// what every connection sends into frames (8-byte header of four u16 in host
-// byte order: m_reserved, m_cmd, s_cmd, msglen; then msglen body bytes). Every
-// frame is kept, in arrival order, with its header, body, arrival time and the
-// number of the connection that carried it, until ClearFrames()/TakeFrames().
+// A thread accepts connections on a Unix stream socket and one thread per
+// connection cuts what it sends into frames with the product's codec (CSComm.h).
+// Every frame is kept, in arrival order, until ClearFrames()/TakeFrames().
+// Connections are numbered from 1 in accept order; the "current" one is the
+// newest still open: sends and CloseConnection() act on it.
 //
-// Connections are numbered from 1 in accept order. The "current" connection is
-// the most recently accepted one that is still open; sends and CloseConnection()
-// act on it. Older connections that stay open are still read.
+// Every method is thread-safe and may be called from the callbacks, except
+// Listen/Restart/StopListening from a connection callback (that runs on the
+// accepting thread they join). Every wait takes a deadline. No gtest, no glog:
+// the simulator tool links this too.
 //
-// Threads: every method is thread-safe and may be called from any thread,
-// including from the callbacks. Every wait takes a deadline; nothing blocks
-// longer than its timeout (sends included). No gtest, no glog: failures are
-// reported by return values and, for Listen, an error text.
-//
-// Typical use:
 //   sdppeer::PeerServer peer;
 //   ASSERT_TRUE(peer.Listen(dir + "/peer.sock"));
-//   ... start the client ...
-//   ASSERT_TRUE(peer.WaitConnected(2s));
-//   auto hb = peer.WaitFrame([](const sdppeer::Frame& f) { return f.s_cmd == 0x1111; }, 5s);
+//   auto hb = peer.WaitFrame(0x1111, 5s);
 //   peer.SendFrame(2, 0x306, "https://portal");
 //   peer.CloseConnection(); peer.StopListening();   // the peer "goes away"
-//   peer.Restart();                                  // ... and comes back
-//   peer.WaitAccepted(2, 3s);
+//   peer.Restart(); peer.WaitAccepted(2, 3s);        // ... and comes back
 #pragma once
 
 #include <chrono>
@@ -43,10 +36,7 @@ namespace sdppeer {
 
 // One frame as received from a client.
 struct Frame {
-  uint16_t m_reserved = 0;
-  uint16_t m_cmd = 0;
-  uint16_t s_cmd = 0;
-  uint16_t msglen = 0;
+  uint16_t m_reserved = 0, m_cmd = 0, s_cmd = 0, msglen = 0;
   std::string body;                               // exactly msglen bytes
   std::chrono::steady_clock::time_point arrival;  // when its last byte was read
   uint64_t connection = 0;                        // 1-based accept number
@@ -55,76 +45,62 @@ struct Frame {
   std::string Bytes() const;
 };
 
-// The 8-byte header in host byte order; msglen is taken as given, so a header
-// may announce more (or fewer) bytes than follow it.
+// The 8-byte header; msglen is taken as given, so it may announce more or fewer
+// bytes than follow.
 std::string EncodeHeader(uint16_t m_reserved, uint16_t m_cmd, uint16_t s_cmd, uint16_t msglen);
-// A whole frame: header with m_reserved 0 and msglen = body.size(), then body.
-// REQUIRES: body.size() <= 65535.
+// Header with m_reserved 0 and msglen = body.size(), then body. REQUIRES: body.size() <= 65535.
 std::string EncodeFrame(uint16_t m_cmd, uint16_t s_cmd, const std::string& body);
 
 class PeerServer {
  public:
   using Millis = std::chrono::milliseconds;
   using FramePredicate = std::function<bool(const Frame&)>;
-  // Called on the I/O thread for every complete frame, after it is stored.
+  // Called for every complete frame, after it is stored, on its connection's thread.
   using FrameCallback = std::function<void(const Frame&)>;
-  // Called on the I/O thread when connection `id` is accepted (true) or ends (false).
+  // Called when connection `id` is accepted (true; before any of its frames) or ends (false).
   using ConnectionCallback = std::function<void(uint64_t id, bool connected)>;
 
-  static constexpr Millis kSendTimeout{5000};
-
-  PeerServer();
-  // Stops listening (removing the socket file), closes every connection and ends the I/O thread.
+  PeerServer() = default;
+  // Stops listening, closes every connection (without callbacks) and joins the threads.
   ~PeerServer();
   PeerServer(const PeerServer&) = delete;
   PeerServer& operator=(const PeerServer&) = delete;
 
-  // Listens on `path` (a stale socket file there is removed first; the parent
-  // directory must exist). Stops an earlier listener first. On failure returns
-  // false and, when `error` is given, stores a text naming the failed call.
+  // Listens on `path` (a stale socket file there is removed first), after
+  // stopping an earlier listener. On failure false, and `*error` names the call.
   bool Listen(const std::string& path, std::string* error = nullptr);
-  // Listens again on the last path given to Listen().
-  bool Restart(std::string* error = nullptr);
+  bool Restart(std::string* error = nullptr);  // Listen() on the last path again
   // Closes the listening socket and removes its file; open connections stay.
   void StopListening();
-  bool Listening() const;
   std::string Path() const;
 
-  // Connections.
   bool Connected() const;              // a current connection exists
   uint64_t CurrentConnection() const;  // its number, 0 when none
-  uint64_t AcceptedCount() const;      // connections accepted so far
+  uint64_t AcceptedCount() const;
   bool WaitConnected(Millis timeout) const;
-  bool WaitDisconnected(Millis timeout) const;  // no current connection
-  // True once at least `count` connections have been accepted in all.
-  bool WaitAccepted(uint64_t count, Millis timeout) const;
-  // Shuts the current connection down in both directions and closes it: the
-  // client's next receive sees end of stream and its next send fails.
-  // Unread bytes of that connection are dropped. No-op when none is open.
+  bool WaitDisconnected(Millis timeout) const;              // no current connection
+  bool WaitAccepted(uint64_t count, Millis timeout) const;  // `count` accepted in all
+  // Shuts the current connection down both ways: the client sees end of stream,
+  // and what it sent and was not read yet is dropped. No-op when none is open.
   void CloseConnection();
-  // CloseConnection() for every open connection.
   void CloseAllConnections();
 
-  // Sending, to the current connection. False when none is open, on a send
-  // error, or when the client does not take the bytes within `timeout`.
-  // Bytes of one call are never interleaved with those of another.
+  // To the current connection; false when none is open, on an error, or when the
+  // client does not take the bytes within `timeout`. One call's bytes stay together.
   bool SendFrame(uint16_t m_cmd, uint16_t s_cmd, const std::string& body,
-                 Millis timeout = kSendTimeout);
-  bool SendRaw(const std::string& bytes, Millis timeout = kSendTimeout);
+                 Millis timeout = Millis(5000));
+  bool SendRaw(const std::string& bytes, Millis timeout = Millis(5000));
 
-  // Received frames.
   std::vector<Frame> Frames() const;  // a copy, in arrival order
   size_t FrameCount() const;
   std::vector<Frame> TakeFrames();  // returns the frames and forgets them
   void ClearFrames();
-  // The first stored frame (oldest first) for which `pred` holds, waiting up to
-  // `timeout` for one to arrive. To wait for a *new* frame, let `pred` test
-  // `arrival` or `connection`, or ClearFrames() first.
+  // The oldest stored frame for which `pred` holds, waiting up to `timeout` for
+  // one. For a *new* frame, test `arrival` or `connection`, or ClearFrames() first.
   std::optional<Frame> WaitFrame(const FramePredicate& pred, Millis timeout) const;
-  // The first frame with this s_cmd.
   std::optional<Frame> WaitFrame(uint16_t s_cmd, Millis timeout) const;
-  // Waits until `count` stored frames satisfy `pred` (all frames when `pred` is
-  // empty) and returns them; on time-out returns those found (fewer).
+  // Waits until `count` stored frames satisfy `pred` (all frames when empty) and
+  // returns them; on time-out those found.
   std::vector<Frame> WaitFrames(size_t count, Millis timeout,
                                 const FramePredicate& pred = nullptr) const;
 
@@ -133,40 +109,25 @@ class PeerServer {
 
  private:
   struct Conn;
-  using Deadline = std::chrono::steady_clock::time_point;
-
-  void IoLoop();
-  // Runs `fn` on the I/O thread and waits for it (directly when already on it).
-  void RunOnIo(std::function<void()> fn);
-  void Wake();
-  void AcceptAll();
-  // Reads what is available; false when the connection ended.
-  bool ReadConn(Conn& conn);
-  void DropConn(const std::shared_ptr<Conn>& conn);  // I/O thread only
-  void CloseListenFd();                              // I/O thread only
+  void Accept(int listen_fd);
+  void Read(const std::shared_ptr<Conn>& conn);
+  void Drop(const std::shared_ptr<Conn>& conn);  // shuts it down and calls back, once
   std::shared_ptr<Conn> Current() const;
-  bool SendBytes(const std::string& bytes, Millis timeout);
-
-  int wake_fd_ = -1;  // eventfd; written to interrupt the I/O thread's poll
-  std::thread io_thread_;
-
-  // Owned by the I/O thread (and by the destructor after it joined).
-  int listen_fd_ = -1;
-  std::vector<std::shared_ptr<Conn>> conns_;
-
-  std::mutex cmd_mu_;  // guards cmds_, quit_
-  std::vector<std::function<void()>> cmds_;
-  bool quit_ = false;
+  template <class Pred>
+  bool Wait(Millis timeout, Pred pred) const {
+    std::unique_lock<std::mutex> lock(mu_);
+    return cv_.wait_for(lock, timeout, pred);
+  }
 
   mutable std::mutex mu_;               // guards everything below
   mutable std::condition_variable cv_;  // signalled on any change below
   std::string path_;
-  bool listening_ = false;
+  int listen_fd_ = -1;
+  std::thread acceptor_;
+  std::vector<std::shared_ptr<Conn>> conns_;  // accepted, reader not yet joined
   std::shared_ptr<Conn> current_;
   uint64_t accepted_ = 0;
   std::vector<Frame> frames_;
-
-  std::mutex cb_mu_;  // guards the two callbacks
   FrameCallback frame_cb_;
   ConnectionCallback conn_cb_;
 };
