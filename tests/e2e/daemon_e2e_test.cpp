@@ -473,7 +473,7 @@ TEST_F(PeerLoss, PeerAwayForSecondsIsReportedCalmlyAndFollowedByReconnection) {
 // The others are signalled in the loop, where the main thread waits in a
 // receive: glog's crash handler logs, and on a thread caught inside a log
 // line it would wait for glog's lock for ever.
-TEST(Signals, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReported) {
+TEST(Termination, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReported) {
   PrepareInstallation("abc");
   sdppeer::PeerServer peer;
   ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
@@ -518,7 +518,7 @@ TEST(Signals, TerminationExitsWithStatusZeroAfterOneLineAndACrashIsReported) {
 // Under a flood of frames the loop logs two lines a frame, so a termination
 // signal finds it inside a line about every other time; three daemons in turn
 // make a miss unlikely. One line naming the signal, and status 0.
-TEST(Signals, TerminationInTheMiddleOfALogLineStillExitsWithStatusZero) {
+TEST(Termination, TerminationInTheMiddleOfALogLineStillExitsWithStatusZero) {
   PrepareInstallation("abc");
   sdppeer::PeerServer peer;
   ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));

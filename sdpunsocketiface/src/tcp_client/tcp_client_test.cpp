@@ -3,6 +3,7 @@
 // along is tests/fault/channel_fault_test.cpp's subject.
 #include "tcp_client.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -164,6 +165,29 @@ TEST_F(Channel, ReconnectsWithinASecondOfThePeerComingBackUntilDestroyed) {
   EXPECT_EQ(client_.Destroy(), 0);
   EXPECT_TRUE(!client_.IsAvaliable() && peer_.WaitDisconnected(2s));
   EXPECT_FALSE(peer_.WaitAccepted(3, 1500ms)) << "a stopped thread must not reconnect";
+}
+
+// The daemon speaks over the Unix socket; the TCP path is the channel's too.
+TEST(ChannelTcp, ConnectsWithKeepAliveAndRecordsTheLocalAddress) {
+  testsupport::LogCapture logs;
+  const int l = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sa{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t slen = sizeof sa;
+  ASSERT_EQ(bind(l, reinterpret_cast<sockaddr*>(&sa), sizeof sa) | listen(l, 4) |
+                getsockname(l, reinterpret_cast<sockaddr*>(&sa), &slen),
+            0);
+  TCP_Client client;
+  const int fd = client.InitConn(2, 1, "127.0.0.1", ntohs(sa.sin_port), 0);
+  ASSERT_GT(fd, 0);
+  int keepalive = 0;
+  socklen_t klen = sizeof keepalive;
+  getsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &keepalive, &klen);
+  EXPECT_EQ(keepalive, 1);
+  EXPECT_EQ(logs.count_prefix("client address:127.0.0.1 clientport_:"), 1);
+  client.CloseConn();
+  close(l);
+  EXPECT_EQ(client.InitConn(2, 1, "127.0.0.1", ntohs(sa.sin_port), 0), -1);
+  EXPECT_TRUE(logs.has(std::string("anetTcpConnect failed:creating socket: ") + strerror(ECONNREFUSED)));
 }
 
 }  // namespace
