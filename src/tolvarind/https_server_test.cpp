@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <spawn.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <ctime>
 #include <filesystem>
@@ -281,6 +283,42 @@ TEST_F(HttpsEndpointTest, IdleSlowAndSurplusConnectionsCannotExhaustTheEndpoint)
   EXPECT_EQ(testing::internal::GetCapturedStderr().find("Error from accept"), std::string::npos);
   for (int fd : waiting) EXPECT_TRUE(Closed(fd));  // taken after the pause, closed by the deadline
   EXPECT_NE(Fetch(Get("/after?ok=1")).text.find(kPage), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+// Only with its switch does the daemon run the endpoint; there the first
+// SIGINT stops the endpoint and the second, its default action back, ends it.
+TEST_F(HttpsEndpointTest, DaemonRunsTheEndpointOnlyWithItsSwitch) {
+  const char* plainArgs[] = {TOLVARIND_EXE, nullptr};
+  const char* servedArgs[] = {TOLVARIND_EXE, "--https-endpoint", nullptr};
+  pid_t plain = -1, served = -1;
+  ASSERT_EQ(posix_spawn(&plain, plainArgs[0], nullptr, nullptr, const_cast<char**>(plainArgs), environ) |
+                posix_spawn(&served, servedArgs[0], nullptr, nullptr, const_cast<char**>(servedArgs), environ),
+            0);
+  const auto listening = [] {
+    const int fd = Connect();
+    return fd >= 0 && close(fd) == 0;
+  };
+  const auto endsBySigint = [](pid_t pid) {
+    int status = 0;
+    kill(pid, SIGINT);
+    return Soon([&] { return waitpid(pid, &status, WNOHANG) == pid; }) && WIFSIGNALED(status) &&
+           WTERMSIG(status) == SIGINT;
+  };
+  EXPECT_EQ(peer_.WaitFrames(2, 15s, [](const sdppeer::Frame& f) { return f.s_cmd == SDP_PROTO_REGISTER; }).size(),
+            2u);
+  EXPECT_TRUE(Soon(listening));
+  EXPECT_NE(Fetch(Get("/d?x=1")).text.find(kPage), std::string::npos);
+  EXPECT_TRUE(endsBySigint(plain));
+  kill(served, SIGINT);
+  EXPECT_TRUE(Soon([&] { return !listening(); }));
+  EXPECT_EQ(waitpid(served, nullptr, WNOHANG), 0);  // still running
+  EXPECT_TRUE(endsBySigint(served));
+  for (pid_t pid : {plain, served})
+    if (kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
 }
 
 }  // namespace

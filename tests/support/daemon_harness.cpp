@@ -227,11 +227,6 @@ std::vector<std::string> Daemon::LogFiles(const std::string& severity) const {
   return files;
 }
 
-std::string Daemon::LogPath(const std::string& severity) const {
-  const auto files = LogFiles(severity);
-  return files.empty() ? "" : files.back();
-}
-
 std::vector<LogLine> Daemon::Log(const std::string& severity) const {
   std::vector<LogLine> lines;
   for (const auto& file : LogFiles(severity))

@@ -94,7 +94,6 @@ class Daemon : public Process {
 
   // The records of its log files of `severity` ("info", "warning", "error").
   std::vector<LogLine> Log(const std::string& severity = "info") const;
-  std::string LogPath(const std::string& severity = "info") const;  // the newest; "" before
   // Records of the main thread (thread id == pid) whose file tag is `file`.
   std::vector<LogLine> MainThreadLog(const std::string& file) const;
   // Records whose text starts with `prefix`.
