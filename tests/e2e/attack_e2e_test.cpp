@@ -57,7 +57,7 @@ class HomeAttack : public ::testing::Test {
     MakeDirs(kDesk);
     ASSERT_EQ(chown(kHome.c_str(), kAlice, kAlice) | chown(kDesk.c_str(), kAlice, kAlice), 0);
     std::string json = R"({"GatewayConfig":[)", aum;
-    for (const char* s : {"res1", "res2", "res3", "res4", "../../../opt/trav", "ok"}) {
+    for (const char* s : {"res1", "res2", "res3", "res4", "res5", "../../../opt/trav", "ok"}) {
       json += std::string(R"({"isCreateIconInSandbox":1,"AppName":"App","source":")") + s + "\"},";
       aum += std::string(s) + "=https://" + s + "\n";
     }
@@ -67,10 +67,13 @@ class HomeAttack : public ::testing::Test {
     SetUser("alice");
     WriteFile(std::string(sdp_paths::kClientApplicationsDir) + "/client.desktop", "[Desktop Entry]\n");
     WriteFile("/opt/victim", "secret\n", 0600);
+    // On the homes' file system, where a hard link can reach it, and writable
+    // by alice: the daemon, acting as alice, gets as far as the link count.
+    WriteFile("/home/victim", "secret\n", 0666);
     WriteFile("/opt/victimdir/ok.desktop", "keep\n", 0600);
     WriteFile("/opt/victimdir/client.desktop", "keep\n", 0600);
     MakeDirs("/opt/evil/Desktop");
-    for (const char* p : {"/opt/victim", "/opt/victimdir/ok.desktop", "/opt/victimdir/client.desktop",
+    for (const char* p : {"/opt/victim", "/home/victim", "/opt/victimdir/ok.desktop", "/opt/victimdir/client.desktop",
                           "/opt/dangle", "/opt/trav.desktop", "/tmp/pwned", "/opt/evil/Desktop/ok.desktop",
                           "/opt/victimdir/res4.desktop"})
       before_[p] = Fingerprint(p);
@@ -106,6 +109,7 @@ TEST_F(HomeAttack, LinksFifosAndSwapsOnTheDesktopLendNothing) {
                      mkfifo((kDesk + "/client.desktop").c_str(), 0644) == 0;
             }),
             0);
+  ASSERT_EQ(link("/home/victim", (kDesk + "/res5.desktop").c_str()), 0);  // as a lax system would let her
   // Swaps a link to root's file in for res4 as fast as it can, 20 s at most.
   const pid_t racer = As(kAlice, [] {
     for (const auto end = std::chrono::steady_clock::now() + 20s; std::chrono::steady_clock::now() < end;) {
@@ -116,7 +120,7 @@ TEST_F(HomeAttack, LinksFifosAndSwapsOnTheDesktopLendNothing) {
   }, false);
   RunUntilServing();
   KillAndReap(racer);
-  for (const char* name : {"res1", "res2", "res3", "client"})
+  for (const char* name : {"res1", "res2", "res3", "res5", "client"})
     EXPECT_EQ(Refusals(kDesk + "/" + name + ".desktop"), 1) << name;
   EXPECT_EQ(Refusals("resource source \"../../../opt/trav\""), 1);
   // What the system copy holds was written by the daemon, never read back.
