@@ -321,4 +321,11 @@ TEST_F(HttpsEndpointTest, DaemonRunsTheEndpointOnlyWithItsSwitch) {
     if (kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
 }
 
+// The heartbeat thread is stopped and waited for before the channel goes;
+// only a send stuck for good may keep the channel (leaked on purpose).
+TEST_F(HttpsEndpointTest, DestroyingAClientStopsItsHeartbeatBeforeTheChannel) {
+  { tolvarind other; ASSERT_TRUE(other.init()); }
+  EXPECT_FALSE(log_.has("heart beat thread still sending, channel kept"));
+}
+
 }  // namespace
