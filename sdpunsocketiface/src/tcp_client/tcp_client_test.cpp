@@ -1,6 +1,6 @@
 // The channel against a real Unix socket in a temporary directory, with the
 // test peer playing the daemon. How a held-up send and the receive side get
-// along is tests/fault/channel_fault_test.cpp's subject.
+// along is stuck_sender_test.cpp's subject.
 #include "tcp_client.h"
 
 #include <arpa/inet.h>
