@@ -215,6 +215,8 @@ TEST_F(FirstRun, RegistersOnceThenHeartbeatsEveryThreeSecondsReprobingOnTheSixth
   for (const auto& f : peer_->Frames()) EXPECT_EQ(f.connection, reg->connection);
   EXPECT_EQ(peer_->WaitFrames(2, 0ms, [](const Frame& f) { return f.s_cmd == kRegister; }).size(), 1u);
   EXPECT_EQ(daemon_->Count("init error..."), 0);
+  // The log sweeps of these 20 s removed nothing, and that is no failure.
+  EXPECT_EQ(daemon_->Count(std::string("log directory ") + sdp_paths::kLogDir, "warning"), 0);
 }
 
 // The command loop, no desktop user. Each check sends its frames and then a
