@@ -83,16 +83,16 @@ TEST(Startup, RetriesEveryThreeSecondsUntilIdAndPeerAreThereAndTellsSystemd) {
   FakeServiceManager manager;
   sdppeer::PeerServer peer;
   Daemon daemon({std::string("NOTIFY_SOCKET=") + FakeServiceManager::kPath});
-  ASSERT_TRUE(daemon.WaitLog("init error...", 6s, 1));
+  ASSERT_TRUE(daemon.WaitLog("init error...", 15s, 1));
   WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=\n");
-  ASSERT_TRUE(daemon.WaitLog("init error...", 6s, 2));
+  ASSERT_TRUE(daemon.WaitLog("init error...", 15s, 2));
   EXPECT_EQ(daemon.Count("Read sandbox id is :"), 1);
   EXPECT_EQ(daemon.Count("Init Socket ret:"), 0);
   WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=abc\n");
-  ASSERT_TRUE(daemon.WaitLog("init error...", 6s, 3));
+  ASSERT_TRUE(daemon.WaitLog("init error...", 15s, 3));
   ASSERT_TRUE(peer.Listen(sdp_paths::kDaemonSocket));
-  ASSERT_TRUE(peer.WaitFrame(kRegister, 6s).has_value());
-  ASSERT_TRUE(daemon.WaitLog("init finish..", 2s));
+  ASSERT_TRUE(peer.WaitFrame(kRegister, 15s).has_value());
+  ASSERT_TRUE(daemon.WaitLog("init finish..", 10s));
 
   const std::string idError = std::string("Read sandbox id error :") + sdp_paths::kSafespaceIni;
   Lines sequence;
@@ -114,7 +114,7 @@ TEST(Startup, RetriesEveryThreeSecondsUntilIdAndPeerAreThereAndTellsSystemd) {
   }
 
   const std::string registered = "READY=1\nSTATUS=registered with sandbox abc";
-  ASSERT_TRUE(manager.WaitLast(registered, 5s));
+  ASSERT_TRUE(manager.WaitLast(registered, 10s));
   EXPECT_EQ(manager.Messages(),
             (Lines{std::string("STATUS=waiting for the sandbox id in ") + sdp_paths::kSafespaceIni,
                    std::string("STATUS=waiting for the peer's socket ") + sdp_paths::kDaemonSocket,
@@ -533,7 +533,7 @@ TEST(Termination, TerminationInTheMiddleOfALogLineStillExitsWithStatusZero) {
     });
     const bool flooding = daemon.WaitLog(" got message from server cmd 0x:303", 30s, 200);
     const bool signalled = daemon.Signal(SIGTERM);
-    const auto status = daemon.WaitExit(10s);
+    const auto status = daemon.WaitExit(30s);
     stop = true;
     flood.join();
     ASSERT_TRUE(flooding && signalled);
