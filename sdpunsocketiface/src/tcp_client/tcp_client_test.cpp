@@ -1,13 +1,13 @@
 // The channel against a real Unix socket in a temporary directory, with the
-// test peer playing the daemon.
+// test peer playing the daemon. What the daemon drives end to end (refusing a
+// foreign peer, garbage frames, reconnection) is the e2e suite's; here are the
+// boundaries, the options it never sets, and races it cannot time.
 #include "tcp_client.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -30,8 +30,8 @@ std::string Body(unsigned short tag, int i) {
 }
 
 template <class Pred>
-bool Eventually(Pred pred, std::chrono::milliseconds within = 3s) {
-  const auto end = std::chrono::steady_clock::now() + within;
+bool Eventually(Pred pred) {
+  const auto end = std::chrono::steady_clock::now() + 3s;
   while (!pred() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
   return pred();
 }
@@ -102,30 +102,6 @@ TEST_F(Channel, FramesGoOutByteExactCutAtTheLimitAndComeInZeroFilled) {
   EXPECT_EQ(client_.RecvMessage(msg_.get()), 0);
   EXPECT_EQ((msg_->m_cmd << 16) | msg_->s_cmd, 0x21111) << "m_cmd 2, s_cmd 0x1111";
   EXPECT_EQ(std::string(msg_->data, sizeof msg_->data), std::string(sizeof msg_->data, '\0'));
-
-  // A body too long for the record: no way to find the next frame, so the stream is given up.
-  logs_.clear();
-  ASSERT_TRUE(peer_.SendRaw(sdppeer::EncodeHeader(0, 2, 4097, 64504) + "more"));
-  EXPECT_EQ(client_.RecvMessage(msg_.get()), -1);
-  EXPECT_EQ(logs_.texts(), (Texts{"got error message:2 4097 0 64504", "read  package  failed",
-                                  "TCP_Client::CloseConn() fd:" + std::to_string(fd)}));
-  EXPECT_TRUE(!client_.IsAvaliable() && peer_.WaitDisconnected(2s)) << "both ends closed";
-}
-
-// Whoever listens gets to send commands: only root or the client's own user may.
-TEST_F(Channel, RefusesAPeerListeningAsAnotherUser) {
-  EXPECT_EQ(TCP_Client::PeerUidRefusal(7, 7), "");
-  const std::string path = dir_ + "/m.sock";
-  chmod(dir_.c_str(), 0777);
-  if (seteuid(1001) != 0) GTEST_SKIP() << "needs root to listen as another user";
-  const bool listening = peer_.Listen(path);  // SO_PEERCRED gives the listener's euid
-  ASSERT_TRUE(seteuid(0) == 0 && listening);
-  Option o = Unix(path, /*reconnect=*/1);
-  EXPECT_EQ(client_.Init(o), -1);
-  const std::string why = path + ": peer uid 1001 is neither root nor the client's uid 0";
-  EXPECT_EQ(client_.PeerRefusal(), why);
-  EXPECT_EQ(logs_.texts(), (Texts{"not trusted: " + why, "Init Socket ret:-1", "Init failed"}));
-  EXPECT_TRUE(peer_.WaitAccepted(1, 2s) && peer_.WaitDisconnected(2s)) << "closed at once";
 }
 
 TEST_F(Channel, ConcurrentSendersNeverInterleaveTheirFrames) {
@@ -162,12 +138,13 @@ TEST_F(Channel, InitCutsThePathAt107KeepsAnEarlierTailAndRefusesUnknownTypes) {
   EXPECT_EQ(logs_.texts(), (Texts{"unkonw client type:2", "Init Socket ret:-1", "Init failed"}));
   EXPECT_EQ(client_.SendMessage(1, SDP_PROTO_HEARTBEAT, "still", 5), 13);
   EXPECT_EQ(peer_.WaitFrame(SDP_PROTO_HEARTBEAT, 2s).value_or(sdppeer::Frame{}).connection, 2u);
+  EXPECT_EQ(TCP_Client::PeerUidRefusal(7, 7), "") << "a peer of the client's own user is trusted";
 }
 
 // A peer that stops reading holds a send up in the kernel. Receiving must go
 // on meanwhile; the connection ending from either side must end the send, with
 // nothing of the abandoned frame following onto the connection the reconnect
-// thread brings within about a second, until the channel is destroyed.
+// thread brings, until the channel is destroyed.
 TEST_F(Channel, AHeldUpSendNeitherStopsReceivingNorOutlivesItsConnection) {
   Connect(Unix(dir_ + "/d.sock", /*reconnect=*/1));
   peer_.SetFrameCallback([this](const sdppeer::Frame&) {
@@ -187,20 +164,14 @@ TEST_F(Channel, AHeldUpSendNeitherStopsReceivingNorOutlivesItsConnection) {
       return before > 0 && before == sent;
     }));
     const int held = sent;
-    for (const std::string body : {"touch a", "touch b"}) {
-      ASSERT_TRUE(peer_.SendFrame(2, 0x301, body));
-      EXPECT_EQ(client_.RecvMessage(msg_.get()), int(body.size()));
-      EXPECT_EQ(msg_->data, body);
-    }
+    ASSERT_TRUE(peer_.SendFrame(2, 0x301, "touch a"));
+    EXPECT_EQ(client_.RecvMessage(msg_.get()), 7);
+    EXPECT_EQ(msg_->data, std::string("touch a"));
     EXPECT_EQ(sent, held) << "the send should still be held up";
     const uint64_t next = peer_.CurrentConnection() + 1;
     if (peerGoes) {
       peer_.CloseConnection();
-      hold_ = false;
-      peer_.StopListening();
       EXPECT_EQ(client_.RecvMessage(msg_.get()), -1);
-      ASSERT_TRUE(logs_.wait_prefix("anetUnixConnect failed:connect: ", 2s)) << "a failed try";
-      ASSERT_TRUE(peer_.Restart());
     } else {
       client_.CloseConn();
     }
@@ -210,10 +181,8 @@ TEST_F(Channel, AHeldUpSendNeitherStopsReceivingNorOutlivesItsConnection) {
     EXPECT_TRUE(logs_.has("errno: EPIPE (connection broken)", google::GLOG_ERROR));
     hold_ = false;
     ASSERT_TRUE(peer_.WaitAccepted(next, 1800ms)) << "reconnected within about a second";
-    ASSERT_TRUE(peer_.SendFrame(2, 0x306, "https://portal"));
-    EXPECT_EQ(client_.RecvMessage(msg_.get()), 14);
     const std::string beat = "abc#10.0.0.5#";
-    EXPECT_EQ(client_.SendMessage(1, 0x1111, beat.data(), int(beat.size())), 21);
+    ASSERT_TRUE(Eventually([&] { return client_.SendMessage(1, 0x1111, beat.data(), 13) == 21; }));
     const auto f =
         peer_.WaitFrame([&](const sdppeer::Frame& f) { return f.connection == next; }, 2s);
     EXPECT_EQ(f ? f->Bytes() : "", sdppeer::EncodeFrame(1, 0x1111, beat));

@@ -26,17 +26,7 @@ std::string EncodeFrame(uint16_t m_cmd, uint16_t s_cmd, const std::string& body)
   return EncodeHeader(0, m_cmd, s_cmd, static_cast<uint16_t>(body.size())) + body;
 }
 
-std::string Frame::Bytes() const { return EncodeHeader(m_reserved, m_cmd, s_cmd, msglen) + body; }
-
-struct PeerServer::Conn {
-  Conn(int f, uint64_t i) : fd(f), id(i) {}
-  ~Conn() { ::close(fd); }  // when the last holder (server, sender) lets go
-  const int fd;
-  const uint64_t id;
-  bool open = true;    // under mu_
-  std::string in;      // the start of a frame not yet whole; the serving thread's
-  std::mutex send_mu;  // keeps the bytes of one send together
-};
+PeerServer::Conn::~Conn() { ::close(fd); }
 
 bool PeerServer::Listen(const std::string& path, std::string* error) {
   StopListening();
@@ -93,7 +83,7 @@ void PeerServer::Serve(int listen_fd) {
     if (fd < 0 && errno != EINTR && errno != ECONNABORTED) return;  // StopListening
     if (fd < 0) continue;
     std::unique_lock<std::mutex> lock(mu_);
-    const auto conn = std::make_shared<Conn>(fd, ++accepted_);
+    const std::shared_ptr<Conn> conn(new Conn{fd, ++accepted_, {}, {}});
     conns_.push_back(conn);
     const auto cb = conn_cb_;
     cv_.notify_all();
@@ -121,7 +111,8 @@ void PeerServer::Read(const std::shared_ptr<Conn>& conn) {
   }
   in.erase(0, pos);
   std::unique_lock<std::mutex> lock(mu_);
-  if (!conn->open) return;  // closed by CloseConnection: unread frames are dropped
+  // Closed by CloseConnection: unread frames are dropped.
+  if (std::find(conns_.begin(), conns_.end(), conn) == conns_.end()) return;
   frames_.insert(frames_.end(), got.begin(), got.end());
   const auto cb = frame_cb_;
   cv_.notify_all();
@@ -132,40 +123,22 @@ void PeerServer::Read(const std::shared_ptr<Conn>& conn) {
 
 void PeerServer::Drop(const std::shared_ptr<Conn>& conn) {
   std::unique_lock<std::mutex> lock(mu_);
-  if (!conn->open) return;
-  conn->open = false;
+  const auto it = std::find(conns_.begin(), conns_.end(), conn);
+  if (it == conns_.end()) return;
+  conns_.erase(it);
   ::shutdown(conn->fd, SHUT_RDWR);  // the client sees end of stream; wakes a sender and the poll
-  conns_.erase(std::find(conns_.begin(), conns_.end(), conn));
   cv_.notify_all();
   const auto cb = conn_cb_;
   lock.unlock();
   if (cb) cb(conn->id, false);
 }
 
-std::shared_ptr<PeerServer::Conn> PeerServer::Current() const {
-  return Locked(mu_, [&] { return conns_.empty() ? nullptr : conns_.back(); });
-}
-
-uint64_t PeerServer::CurrentConnection() const {
-  const auto c = Current();
-  return c ? c->id : 0;
-}
-
-void PeerServer::CloseConnection() {
-  if (const auto c = Current()) Drop(c);
-}
-
-void PeerServer::CloseAllConnections() {
-  for (const auto& c : Locked(mu_, [&] { return conns_; })) Drop(c);
-}
-
 bool PeerServer::SendRaw(const std::string& bytes, Millis timeout) {
   const auto conn = Current();
   if (!conn) return false;
   std::lock_guard<std::mutex> lock(conn->send_mu);
-  timeval tv{};
-  tv.tv_sec = timeout.count() / 1000;
-  tv.tv_usec = timeout.count() % 1000 * 1000 + 1;  // never 0, which would mean no limit
+  // A send that takes nothing for this long fails; never 0, which would mean no limit.
+  const timeval tv{timeout.count() / 1000, timeout.count() % 1000 * 1000 + 1};
   ::setsockopt(conn->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
   for (size_t off = 0; off < bytes.size();) {
     const ssize_t n = ::send(conn->fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);

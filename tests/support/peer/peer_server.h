@@ -12,6 +12,7 @@
 // on that thread), except Listen/Restart/StopListening. Every wait takes a deadline.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -25,18 +26,19 @@
 
 namespace sdppeer {
 
+// msglen is taken as given, so the header may announce more or fewer bytes than follow.
+std::string EncodeHeader(uint16_t m_reserved, uint16_t m_cmd, uint16_t s_cmd, uint16_t msglen);
+// m_reserved 0, msglen = body.size(). REQUIRES: body.size() <= 65535.
+std::string EncodeFrame(uint16_t m_cmd, uint16_t s_cmd, const std::string& body);
+
 struct Frame {
   uint16_t m_reserved = 0, m_cmd = 0, s_cmd = 0, msglen = 0;
   std::string body;                               // exactly msglen bytes
   std::chrono::steady_clock::time_point arrival;  // when its last byte was read
   uint64_t connection = 0;                        // 1-based accept number
-  std::string Bytes() const;                      // as it stood on the wire
+  // As it stood on the wire.
+  std::string Bytes() const { return EncodeHeader(m_reserved, m_cmd, s_cmd, msglen) + body; }
 };
-
-// msglen is taken as given, so the header may announce more or fewer bytes than follow.
-std::string EncodeHeader(uint16_t m_reserved, uint16_t m_cmd, uint16_t s_cmd, uint16_t msglen);
-// m_reserved 0, msglen = body.size(). REQUIRES: body.size() <= 65535.
-std::string EncodeFrame(uint16_t m_cmd, uint16_t s_cmd, const std::string& body);
 
 class PeerServer {
  public:
@@ -57,10 +59,11 @@ class PeerServer {
   void StopListening();
 
   bool Connected() const { return CurrentConnection() != 0; }
-  uint64_t CurrentConnection() const;  // 0 when none is open
-  uint64_t AcceptedCount() const {
-    return Locked(mu_, [&] { return accepted_; });
+  uint64_t CurrentConnection() const {  // 0 when none is open
+    const auto c = Current();
+    return c ? c->id : 0;
   }
+  uint64_t AcceptedCount() const { return accepted_; }
   bool WaitConnected(Millis timeout) const {
     return Wait(timeout, [&] { return !conns_.empty(); });
   }
@@ -72,8 +75,12 @@ class PeerServer {
   }
   // Shuts the current connection down both ways: the client sees end of stream,
   // and what it sent and was not read yet is dropped.
-  void CloseConnection();
-  void CloseAllConnections();
+  void CloseConnection() {
+    if (const auto c = Current()) Drop(c);
+  }
+  void CloseAllConnections() {
+    for (const auto& c : Locked(mu_, [&] { return conns_; })) Drop(c);
+  }
 
   // To the current connection; false when none is open, on an error, or when the
   // client takes nothing for `timeout`. One call's bytes stay together.
@@ -108,7 +115,13 @@ class PeerServer {
   }
 
  private:
-  struct Conn;
+  struct Conn {
+    ~Conn();  // closes fd, once the last holder (server, sender) lets go
+    const int fd;
+    const uint64_t id;
+    std::string in;      // the start of a frame not yet whole; the serving thread's
+    std::mutex send_mu;  // keeps the bytes of one send together
+  };
   template <class F>
   static auto Locked(std::mutex& mu, F f) -> decltype(f()) {
     std::lock_guard<std::mutex> lock(mu);
@@ -119,10 +132,12 @@ class PeerServer {
     std::unique_lock<std::mutex> lock(mu_);
     return cv_.wait_for(lock, timeout, pred);
   }
-  std::shared_ptr<Conn> Current() const;
+  std::shared_ptr<Conn> Current() const {
+    return Locked(mu_, [&] { return conns_.empty() ? nullptr : conns_.back(); });
+  }
   void Serve(int listen_fd);  // the listening thread
   void Read(const std::shared_ptr<Conn>& conn);
-  void Drop(const std::shared_ptr<Conn>& conn);  // shuts it down and calls back, once
+  void Drop(const std::shared_ptr<Conn>& conn);  // if open: shuts it down and calls back
 
   mutable std::mutex mu_;               // guards everything below
   mutable std::condition_variable cv_;  // signalled on any change below
@@ -130,7 +145,7 @@ class PeerServer {
   int listen_fd_ = -1;
   std::thread server_;
   std::vector<std::shared_ptr<Conn>> conns_;  // the open ones, in accept order
-  uint64_t accepted_ = 0;
+  std::atomic<uint64_t> accepted_{0};         // changed under mu_
   std::vector<Frame> frames_;
   std::function<void(const Frame&)> frame_cb_;
   std::function<void(uint64_t, bool)> conn_cb_;
