@@ -40,11 +40,10 @@
 
 namespace sdppeer {
 
-// msglen is taken as given, so the header may announce more or fewer bytes than follow.
-inline std::string EncodeHeader(uint16_t m_reserved, uint16_t m_cmd, uint16_t s_cmd,
-                                uint16_t msglen) {
+// `len` is taken as given, so the header may announce more or fewer bytes than follow.
+inline std::string EncodeHeader(uint16_t m_reserved, uint16_t m_cmd, uint16_t s_cmd, uint16_t len) {
   char out[SDPMSG_HEAD_LEN];
-  cscomm::EncodeFrameHeader({m_reserved, m_cmd, s_cmd, msglen}, out);
+  cscomm::EncodeFrameHeader({m_reserved, m_cmd, s_cmd, len}, out);
   return std::string(out, sizeof out);
 }
 
@@ -74,8 +73,7 @@ class PeerServer {
   // earlier listener. On failure false, and `*error` says why.
   bool Listen(const std::string& path, std::string* error = nullptr) {
     StopListening();
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
+    sockaddr_un addr{AF_UNIX, {}};
     int fd = -1;
     errno = ENAMETOOLONG;
     if (!path.empty() && path.size() < sizeof addr.sun_path) {
@@ -96,9 +94,7 @@ class PeerServer {
     server_ = std::thread([this, fd] { Serve(fd); });
     return true;
   }
-  bool Restart(std::string* error = nullptr) {
-    return Listen(Locked(mu_, [&] { return path_; }), error);
-  }
+  bool Restart(std::string* error = nullptr) { return Listen(std::string(path_), error); }
   // Closes the listening socket and removes its file. Open connections stay
   // open, but what they send is read only once listening again.
   void StopListening() {
@@ -228,8 +224,7 @@ class PeerServer {
       for (size_t i = 0; i < conns.size(); ++i)
         if (fds[i + 1].revents) Read(conns[i]);
       if (!fds[0].revents) continue;
-      const int fd = ::accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0 && errno == EINTR) continue;
+      const int fd = ::accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);  // ready: no wait
       if (fd < 0) return;  // shut down by StopListening
       std::unique_lock<std::mutex> lock(mu_);
       const std::shared_ptr<Conn> conn(new Conn{fd, ++accepted_, {}, {}});
@@ -246,11 +241,10 @@ class PeerServer {
     const ssize_t n = ::recv(conn->fd, buf, sizeof buf, MSG_DONTWAIT);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
     if (n <= 0) return Drop(conn);
-    std::string& in = conn->in;
-    in.append(buf, static_cast<size_t>(n));
+    conn->in.append(buf, static_cast<size_t>(n));
     std::vector<Frame> got;
     size_t pos = 0;
-    while (in.size() - pos >= SDPMSG_HEAD_LEN) {
+    for (const std::string& in = conn->in; in.size() - pos >= SDPMSG_HEAD_LEN;) {
       const cscomm::FrameHeader h = cscomm::DecodeFrameHeader(in.data() + pos);
       if (in.size() - pos - SDPMSG_HEAD_LEN < h.msglen) break;
       got.push_back({h.m_reserved, h.m_cmd, h.s_cmd, h.msglen,
@@ -258,7 +252,7 @@ class PeerServer {
                      conn->id});
       pos += SDPMSG_HEAD_LEN + h.msglen;
     }
-    in.erase(0, pos);
+    conn->in.erase(0, pos);
     std::unique_lock<std::mutex> lock(mu_);
     // Closed by CloseConnection: unread frames are dropped.
     if (std::find(conns_.begin(), conns_.end(), conn) == conns_.end()) return;
@@ -283,9 +277,9 @@ class PeerServer {
     if (cb) cb(conn->id, false);
   }
 
-  mutable std::mutex mu_;               // guards everything below
+  mutable std::mutex mu_;               // guards everything below but path_
   mutable std::condition_variable cv_;  // signalled on any change below
-  std::string path_;
+  std::string path_;                    // written by Listen alone
   int listen_fd_ = -1;
   std::thread server_;
   std::vector<std::shared_ptr<Conn>> conns_;  // the open ones, in accept order
