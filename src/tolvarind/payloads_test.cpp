@@ -6,7 +6,6 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(Payloads, RegistrationIsCutToItsBufferLineFeedFirst) {
-  EXPECT_EQ(payload::Registration("abc"), std::string("1005abc\n\0", 9));
   // 4 + 122 + line feed = 127 characters: the largest that keeps its line feed.
   EXPECT_EQ(payload::Registration(std::string(122, 'x').c_str()),
             "1005" + std::string(122, 'x') + std::string("\n\0", 2));
