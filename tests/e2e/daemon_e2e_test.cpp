@@ -37,9 +37,10 @@ constexpr char kShellResult[] = " got SANDBOX_S2B_OPENBSAPP message from server 
 // old log of the daemon's, larger than the log budget (sparse), goes.
 TEST(Startup, RetriesUntilIdAndPeerAreThereThenRegistersHeartbeatsAndReconnects) {
   PrepareInstallation("");
-  const std::string oldLog = std::string(sdp_paths::kLogDir) + "/tolvarind.info.20200101-000000.7";
-  WriteFile(oldLog, "");
-  fs::resize_file(oldLog, 200u << 20);
+  const std::string logs = std::string(sdp_paths::kLogDir) + "/";
+  const std::string oldLog = "tolvarind.info.20200101-000000.7";
+  WriteFile(logs + oldLog, "");
+  fs::resize_file(logs + oldLog, 200u << 20);
   // The service manager's end of NOTIFY_SOCKET: the next message, "" after 20 s.
   const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const timeval limit{20, 0};
@@ -80,10 +81,8 @@ TEST(Startup, RetriesUntilIdAndPeerAreThereThenRegistersHeartbeatsAndReconnects)
     EXPECT_EQ(beats[i].connection, reg->connection);
     EXPECT_NEAR((beats[i].arrival - beats[0].arrival) / 1ms, 3300.0 * i, 500.0 * i);
   }
-  EXPECT_TRUE(WaitUntil([&] { return !Exists(oldLog); }, 15s));
-  EXPECT_EQ(daemon.Count("log directory over its budget, removed " +
-                         oldLog.substr(oldLog.rfind('/') + 1)),
-            1);
+  EXPECT_TRUE(WaitUntil([&] { return !Exists(logs + oldLog); }, 15s));
+  EXPECT_EQ(daemon.Count("log directory over its budget, removed " + oldLog), 1);
 
   const std::string idError = std::string("Read sandbox id error :") + sdp_paths::kSafespaceIni;
   Lines sequence;
