@@ -240,6 +240,7 @@ TEST_F(Commands, EachCodeDoesWhatItsEntrySaysOtherMainCommandsNothingAndShellsAr
   EXPECT_EQ(Exchange({{2, 0x301, "sleep 4; touch /tmp/rec/late"}}, 10s),
             (Lines{" got message from server cmd 0x:301", kShellResult + std::string("-4 ")}));
   EXPECT_NEAR((Clock::now() - start) / 1ms, 4450, 1550);
+  EXPECT_EQ(daemon_->Count("Child process timed out.", "error"), 1);
   EXPECT_FALSE(WaitUntil([] { return Exists("/tmp/rec/late"); }, 2s));
   // Endless output: killed (-4), or, when the closed pipe ended it first, reaped (1).
   Exchange({{2, 0x301, "yes"}}, 20s);
