@@ -8,57 +8,44 @@
 // real peer.
 #include <grp.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <map>
 
 #include "daemon_harness.h"
 
 namespace {
 
 using namespace harness;
-const std::string kHome = "/home/alice", kDesk = kHome + "/Desktop", kCfs = sdp_paths::kCfsDir;
+const std::string kDesk = "/home/alice/Desktop", kCfs = sdp_paths::kCfsDir;
 const std::string kApps = sdp_paths::kSystemApplicationsDir, kTouch = "touch /tmp/marker";
 const std::string kResult = " got SANDBOX_S2B_OPENBSAPP message from server res:";
 const char* const kSources[] = {"res1", "res2", "res3", "res4", "res5", "../../../opt/trav", "ok"};
-// Root's files, the first four planted. /home/victim is on the homes' file
-// system, where a hard link can reach it, and writable by alice: the daemon,
-// acting as alice, gets as far as the link count.
-const char* const kUntouched[] = {"/opt/victim",
-                                  "/home/victim",
-                                  "/opt/victimdir/ok.desktop",
-                                  "/opt/victimdir/client.desktop",
-                                  "/opt/dangle",
-                                  "/tmp/pwned",
-                                  "/opt/trav.desktop",
-                                  "/opt/evil/Desktop/ok.desktop",
-                                  "/opt/victimdir/res4.desktop"};
+// Type, mode, owner and bytes of root's files around alice's home, which she
+// must never reach through the daemon.
+const std::string kUntouched =
+    "find /opt/victim /opt/victimdir /opt/evil /opt/dangle /opt/trav.desktop /home/victim "
+    "/tmp/pwned -printf '%p %y %m %U\\n' -type f -exec cat {} ';'";
 
-// Runs `fn` as `uid` in a child, killed after 30 s at most; its pid.
-pid_t As(uid_t uid, const std::function<void()>& fn) {
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  if (setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
-    alarm(30);
-    fn();
+// A shell command's output and errors.
+std::string Sh(const std::string& cmd) {
+  (void)!std::system((cmd + " >/tmp/sh.out 2>&1").c_str());
+  return ReadFile("/tmp/sh.out");
+}
+
+// `fn` run as alice in a child for 30 s at most, killed and reaped with this.
+struct Racer {
+  explicit Racer(void (*fn)()) : pid(fork()) {
+    if (pid == 0 && setgroups(0, nullptr) == 0 && setgid(testsupport::kDesktopUid) == 0 &&
+        setuid(testsupport::kDesktopUid) == 0) {
+      alarm(30);
+      fn();
+    }
+    if (pid == 0) _exit(0);
   }
-  _exit(0);
-}
-void KillAndReap(pid_t pid) {
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-}
-
-// What alice may do in her home, done by root for her: the owner is hers.
-int InHome(const std::string& cmd) { return std::system(("cd " + kHome + " && " + cmd).c_str()); }
-
-// Type, owner, mode and bytes of a file alice must never reach through the daemon.
-std::string Fingerprint(const std::string& path) {
-  struct stat st {};
-  if (lstat(path.c_str(), &st) != 0) return "<none>";
-  return std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + " " + ReadFile(path);
-}
+  ~Racer() {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  const pid_t pid;
+};
 
 void SetUser(const std::string& name) {
   std::string ini = "[UserInfo]\nSysUserName=" + name + "\n[Aum]\n";
@@ -66,33 +53,30 @@ void SetUser(const std::string& name) {
   WriteFile(sdp_paths::kUserinfoIni, ini + "[CustomJumpPolicy]\nJumpBrowser=vrek\n");
 }
 
-// A peer that sends kTouch as soon as the daemon connects.
-bool Serve(sdppeer::PeerServer& peer) {
+// Listens on the daemon's socket as `uid` (the daemon sees the effective
+// uid at listen()) and sends kTouch as soon as the daemon connects.
+bool Serve(sdppeer::PeerServer& peer, uid_t uid = 0) {
   peer.SetConnectionCallback([&peer](uint64_t, bool up) {
     if (up) peer.SendFrame(2, 0x301, kTouch);
   });
-  return peer.Listen(sdp_paths::kDaemonSocket);
-}
-
-// mallory's peer on the daemon's socket.
-pid_t ForeignPeer() {
-  const pid_t pid = As(testsupport::kOtherUid, [] {
-    sdppeer::PeerServer peer;
-    if (Serve(peer)) pause();
-  });
-  EXPECT_TRUE(WaitUntil([] { return Exists(sdp_paths::kDaemonSocket); }, 5s));
-  return pid;
+  const bool listening = seteuid(uid) == 0 && peer.Listen(sdp_paths::kDaemonSocket);
+  return seteuid(0) == 0 && listening;
 }
 
 // alice's home and desktop, a launcher for every source, and root's files
-// around, which must come out as they went in.
+// around, which must come out as they went in. /home/victim is on the homes'
+// file system, where a hard link can reach it, and writable by alice: the
+// daemon, acting as alice, gets as far as the link count.
 class HomeAttack : public ::testing::Test {
  protected:
   void SetUp() override {
     PrepareInstallation("abc");
-    ASSERT_EQ(std::system("rm -rf /home/alice && mkdir -p /home/alice/Desktop && chown -R alice: "
-                          "/home/alice"),
-              0);
+    ASSERT_EQ(
+        Sh("rm -rf /home/alice && mkdir -p " + kDesk + " /opt/victimdir /opt/evil/Desktop && " +
+           "chown -R alice: /home/alice && for f in /opt/victim /opt/victimdir/ok.desktop " +
+           "/opt/victimdir/client.desktop /home/victim; do echo secret >$f; chmod 600 $f; " +
+           "done && chmod 666 /home/victim"),
+        "");
     std::string json;
     for (const char* s : kSources)
       json += std::string(json.empty() ? "" : ",") +
@@ -101,13 +85,10 @@ class HomeAttack : public ::testing::Test {
     SetUser("alice");
     WriteFile(std::string(sdp_paths::kClientApplicationsDir) + "/client.desktop",
               "[Desktop Entry]\n");
-    for (int i = 0; i < 4; ++i) WriteFile(kUntouched[i], "secret\n", i == 1 ? 0666 : 0600);
-    MakeDirs("/opt/evil/Desktop");
-    for (const char* p : kUntouched) before_[p] = Fingerprint(p);
+    before_ = Sh(kUntouched);
+    ASSERT_NE(before_.find("/opt/victim f 600 0\nsecret\n"), std::string::npos) << before_;
   }
-  void TearDown() override {
-    for (const auto& [path, print] : before_) EXPECT_EQ(Fingerprint(path), print) << path;
-  }
+  void TearDown() override { EXPECT_EQ(Sh(kUntouched), before_); }
   // A fresh peer and daemon, through start-up and one command: alive and
   // serving. A refused user name refuses commands too: the result line is the
   // mark.
@@ -120,25 +101,24 @@ class HomeAttack : public ::testing::Test {
   }
   int Refusals(const std::string& what) { return run_.daemon->Count("refused " + what, "error"); }
 
-  std::map<std::string, std::string> before_;
+  std::string before_;
   DaemonRun run_;
 };
 
 TEST_F(HomeAttack, LinksFifosAndSwapsOnTheDesktopLendNothing) {
-  // The hard link as a lax system would let her make it.
-  ASSERT_EQ(InHome("cd Desktop && ln -s /opt/victim res1.desktop && ln -s /opt/dangle res2.desktop "
-                   "&& mkfifo res3.desktop client.desktop && chown -h alice: * && "
-                   "ln /home/victim res5.desktop"),
-            0);
+  // Made for alice by root, the hard link as a lax system would let her.
+  ASSERT_EQ(Sh("cd " + kDesk + " && ln -s /opt/victim res1.desktop && ln -s /opt/dangle " +
+               "res2.desktop && mkfifo res3.desktop client.desktop && chown -h alice: * && " +
+               "ln /home/victim res5.desktop"),
+            "");
   // Swaps a link to root's file in for res4 as fast as it can.
-  const pid_t racer = As(testsupport::kDesktopUid, [] {
+  const Racer racer([] {
     for (;;) {
       (void)!symlink("/opt/victim", (kDesk + "/.swap").c_str());
       rename((kDesk + "/.swap").c_str(), (kDesk + "/res4.desktop").c_str());
     }
   });
   RunUntilServing();
-  KillAndReap(racer);
   for (const char* name : {"res1", "res2", "res3", "res5", "client"})
     EXPECT_EQ(Refusals(kDesk + "/" + name + ".desktop"), 1) << name;
   EXPECT_EQ(Refusals("resource source \"../../../opt/trav\""), 1);
@@ -146,19 +126,16 @@ TEST_F(HomeAttack, LinksFifosAndSwapsOnTheDesktopLendNothing) {
   const std::string res4 = ReadFile(kApps + "res4.desktop");
   EXPECT_TRUE(res4.empty() || res4.find("X-Deepin-AppID=res4\n") != std::string::npos) << res4;
   // The untouched resource's launcher is alice's own, as if she had made it.
-  struct stat st {};
-  ASSERT_EQ(lstat((kDesk + "/ok.desktop").c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, testsupport::kDesktopUid);
-  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  EXPECT_EQ(Sh("stat -c '%F %U %a' " + kDesk + "/ok.desktop"), "regular file alice 755\n");
   EXPECT_EQ(ReadFile(kApps + "ok.desktop"), ReadFile(kDesk + "/ok.desktop"));
 }
 
 TEST_F(HomeAttack, ADesktopReplacedByALinkLosesAndGainsNothingThere) {
   RunUntilServing();  // records ok.desktop and client.desktop on the desktop
   ASSERT_TRUE(Exists(kDesk + "/ok.desktop"));
-  ASSERT_EQ(
-      InHome("mv Desktop Desktop.old && ln -s /opt/victimdir Desktop && chown -h alice: Desktop"),
-      0);
+  ASSERT_EQ(Sh("cd /home/alice && mv Desktop Desktop.old && ln -s /opt/victimdir Desktop && "
+               "chown -h alice: Desktop"),
+            "");
   RunUntilServing();
   EXPECT_GE(Refusals(kDesk), 1);
 }
@@ -175,19 +152,17 @@ TEST_F(HomeAttack, UserNamesThatLeaveTheHomesOrEndAShellWordAreRefused) {
 // client launcher ran as root, and a desktop swapped in under the other name
 // a moment later led it through a link to root's file.
 TEST_F(HomeAttack, ChmodForAMissingDesktopRunsAsItsOwnerNeverRoot) {
-  ASSERT_EQ(InHome("rm -r Desktop && mkdir prep && ln -s /opt/victim prep/client.desktop && "
-                   "chown -hR alice: prep"),
-            0);
-  const pid_t racer = As(testsupport::kDesktopUid, [] {
-    for (const std::string a = kHome + "/prep", b = kHome + "/桌面";;) {
-      rename(a.c_str(), b.c_str());
-      rename(b.c_str(), a.c_str());
+  ASSERT_EQ(Sh("cd /home/alice && rm -r Desktop && mkdir prep && ln -s /opt/victim "
+               "prep/client.desktop && chown -hR alice: prep"),
+            "");
+  const Racer racer([] {
+    for (;;) {
+      rename("/home/alice/prep", "/home/alice/桌面");
+      rename("/home/alice/桌面", "/home/alice/prep");
     }
   });
   // Each start has about one chance in four to hit the gap.
-  for (int run = 0; run < 6 && Fingerprint("/opt/victim") == before_["/opt/victim"]; ++run)
-    RunUntilServing();
-  KillAndReap(racer);
+  for (int run = 0; run < 6 && Sh(kUntouched) == before_; ++run) RunUntilServing();
 }
 
 // alice's session: a private /run with her runtime directory and a socket
@@ -197,10 +172,9 @@ class DesktopSession : public HomeAttack {};
 
 TEST_F(DesktopSession, CommandsRunAsTheDesktopUserInHerSession) {
   ASSERT_EQ(mount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"), 0);
-  ASSERT_EQ(std::system("mkdir -p /run/user/1000 && chown alice: /run/user/1000"), 0);
-  sockaddr_un bus{AF_UNIX, "/run/user/1000/bus"};
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&bus), sizeof bus), 0);
+  ASSERT_EQ(Sh("mkdir -p /run/user/1000 && chown alice: /run/user/1000"), "");
+  sdppeer::PeerServer bus;  // /run stays mounted: the host's would be under it
+  ASSERT_TRUE(bus.Listen("/run/user/1000/bus"));
   RunUntilServing();
   const std::string who =
       "printf '%s|' \"$(id -u)\" \"$(id -G)\" \"$HOME\" \"$USER\" \"$LOGNAME\" "
@@ -221,21 +195,19 @@ TEST_F(DesktopSession, CommandsRunAsTheDesktopUserInHerSession) {
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(file) == "1000\n"; }, 10s)) << file;
   EXPECT_EQ(run_.daemon->Count("command refused", "error"), 0);
   ExpectCleanStop(*run_.daemon);
-  close(fd);
-  umount2("/run", MNT_DETACH);
 }
 
 // Each squat in turn (a shell command on $C, the session directory), before
 // the daemon starts: it refuses twice with the reason, runs nothing, and
-// serves the real peer once the squat is mended. The daemon that met a
-// foreign peer then loses its peer to mallory again: the reconnection
-// refuses her too, until the peer is back.
+// serves the real peer once the squat is mended. The daemon that met
+// mallory's peer then loses its peer to her again: the reconnection refuses
+// her too, until the peer is back.
 TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeerIsThere) {
   const std::string owned = ": owned by uid 1001, neither root nor the daemon's uid 0";
   const std::string foreign = std::string(sdp_paths::kDaemonSocket) + ": peer uid 1001";
   const struct {
     const char *squat, *mend;
-    std::string why;  // after "not trusted: "
+    std::string why;
   } cases[] = {
       {"chown 1001:0 $C", "chown 0:0 $C", kCfs + owned},
       {"chmod 0777 $C", "chmod 01777 $C", kCfs + ": writable by group or others and not sticky"},
@@ -247,34 +219,30 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.squat);
-    ASSERT_EQ(std::system(("rm -rf /tmp/marker " + kCfs).c_str()), 0);
+    const bool mallory = !*c.mend;  // a foreign peer binds only where the squat lets it
+    ASSERT_EQ(Sh("rm -rf /tmp/marker " + kCfs), "");
     PrepareInstallation("abc");
-    // First: a foreign peer binds only where the squat lets it.
-    ASSERT_EQ(std::system(("C=" + kCfs + "; " + c.squat).c_str()), 0);
-    const bool isForeign = !*c.mend;
+    ASSERT_EQ(Sh("C=" + kCfs + "; " + c.squat), "");
     sdppeer::PeerServer peer;
-    const pid_t mallory = isForeign ? ForeignPeer() : -1;
-    ASSERT_TRUE(isForeign || Serve(peer));
+    ASSERT_TRUE(Serve(peer, mallory ? testsupport::kOtherUid : 0));
     Daemon daemon;
     ASSERT_TRUE(daemon.WaitLog("not trusted: " + c.why, 20s, 2, "error"));
     EXPECT_TRUE(daemon.WaitLog("init error...", 10s, 2));
     EXPECT_EQ(daemon.Count("init finish.."), 0);
     EXPECT_FALSE(Exists("/tmp/marker"));
-    ASSERT_EQ(std::system(("C=" + kCfs + "; " + c.mend).c_str()), 0);
-    if (isForeign) KillAndReap(mallory);
-    ASSERT_TRUE(!isForeign || Serve(peer));
+    ASSERT_EQ(Sh("C=" + kCfs + "; " + c.mend), "");
+    ASSERT_TRUE(!mallory || Serve(peer));
     EXPECT_TRUE(daemon.WaitLog("init finish..", 20s));
     EXPECT_TRUE(WaitUntil([] { return Exists("/tmp/marker"); }, 15s));
-    if (!isForeign) continue;
+    if (!mallory) continue;
+    const int refused = daemon.Count("not trusted: " + foreign, "error");
     peer.StopListening();
     peer.CloseAllConnections();
     unlink("/tmp/marker");
-    const int refused = daemon.Count("not trusted: " + foreign, "error");
-    const pid_t again = ForeignPeer();
+    ASSERT_TRUE(Serve(peer, testsupport::kOtherUid));
     EXPECT_TRUE(daemon.WaitLog("not trusted: " + foreign, 15s, refused + 2, "error"));
-    KillAndReap(again);
     EXPECT_FALSE(Exists("/tmp/marker"));
-    ASSERT_TRUE(peer.Restart());
+    ASSERT_TRUE(Serve(peer));
     EXPECT_TRUE(WaitUntil([] { return Exists("/tmp/marker"); }, 15s));
   }
 }

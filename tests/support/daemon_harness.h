@@ -63,11 +63,6 @@ inline std::vector<std::string> Lines(const std::string& pattern) {
   return out;
 }
 
-inline std::string EnvOr(const char* name, const char* fallback) {
-  const char* value = std::getenv(name);
-  return value && *value ? value : fallback;
-}
-
 }  // namespace detail
 
 // Polls `pred` every `step` until it holds or `timeout` passes; its last value.
@@ -213,13 +208,14 @@ class Process {
 };
 
 // The real daemon with kFakeBinDir first in PATH. $TOLVARIND_E2E_DAEMON, when
-// set, is started instead (a wrapper running it under valgrind).
+// set, is started instead (a wrapper running it under valgrind). The shell
+// execs it in place: the pid is the daemon's.
 class Daemon : public Process {
  public:
   explicit Daemon(const std::vector<std::string>& env = {})
-      : Process({"/usr/bin/env",
-                 "PATH=" + std::string(kFakeBinDir) + ":" + detail::EnvOr("PATH", "/usr/bin:/bin"),
-                 detail::EnvOr("TOLVARIND_E2E_DAEMON", TOLVARIND_BIN)},
+      : Process({"/bin/sh", "-c",
+                 "PATH=" + std::string(kFakeBinDir) + ":$PATH exec \"${TOLVARIND_E2E_DAEMON:-$0}\"",
+                 TOLVARIND_BIN},
                 "/tmp/daemon." + std::to_string(outputs_++) + ".out", env) {}
 
   // The records of its log files of `severity` ("info", "warning", "error").
@@ -229,19 +225,16 @@ class Daemon : public Process {
     for (const std::string& line : detail::Lines(std::string(sdp_paths::kLogDir) + "/tolvarind." +
                                                  severity + ".*." + std::to_string(pid_))) {
       // "I20261122 03:54:45.123456  1234 file.cpp:12] text"
-      LogLine l;
       char sev = 0, file[256];
       int h, m, s, us, n = 0;
+      unsigned long tid;
       std::sscanf(line.c_str(), "%c%*8d %2d:%2d:%2d.%6d %lu %255[^:]:%*d]%n", &sev, &h, &m, &s, &us,
-                  &l.tid, file, &n);
-      if (n == 0 || !std::strchr("IWEF", sev)) {
-        if (!records.empty()) records.back().text += "\n" + line;
-        continue;
-      }
-      l.micros = ((h * 60 + m) * 60 + s) * 1000000LL + us;
-      l.file = file;
-      l.text = line.substr(std::min<size_t>(line.size(), n + 1));
-      records.push_back(l);
+                  &tid, file, &n);
+      if (n > 0 && std::strchr("IWEF", sev))
+        records.push_back({((h * 60 + m) * 60 + s) * 1000000LL + us, tid, file,
+                           line.substr(std::min<size_t>(line.size(), n + 1))});
+      else if (!records.empty())
+        records.back().text += "\n" + line;
     }
     return records;
   }

@@ -5,16 +5,12 @@
 // (ctest's discovery) needs no sandbox.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "sandbox.h"
 
 int main(int argc, char** argv) {
-  bool listing = false;
-  for (int i = 1; i < argc; ++i) listing |= std::strncmp(argv[i], "--gtest_list_tests", 18) == 0;
-  if (!listing)
+  testing::InitGoogleTest(&argc, argv);
+  if (!GTEST_FLAG_GET(list_tests))
     testsupport::EnterSandbox({TOLVARIND_SOURCE_DIR, TOLVARIND_BINARY_DIR},
                               testsupport::SandboxKind(TOLVARIND_ROOT_SANDBOX));
-  testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
