@@ -6,7 +6,6 @@
 // and on reconnection; and the commands run in alice's session as alice.
 // Nothing outside her desktop may change, and the daemon must still serve the
 // real peer.
-#include <grp.h>
 #include <sys/mount.h>
 
 #include "daemon_harness.h"
@@ -30,22 +29,17 @@ std::string Sh(const std::string& cmd) {
   return ReadFile("/tmp/sh.out");
 }
 
-// `fn` run as alice in a child for 30 s at most, killed and reaped with this.
-struct Racer {
-  explicit Racer(void (*fn)()) : pid(fork()) {
-    if (pid == 0 && setgroups(0, nullptr) == 0 && setgid(testsupport::kDesktopUid) == 0 &&
-        setuid(testsupport::kDesktopUid) == 0) {
-      alarm(30);
-      fn();
-    }
-    if (pid == 0) _exit(0);
-  }
-  ~Racer() {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-  }
-  const pid_t pid;
-};
+// alice running perl's `code` until the end of the scope (or of the test).
+std::vector<std::string> AsAlice(const std::string& code) {
+  return {"setpriv",
+          "--reuid=alice",
+          "--regid=alice",
+          "--clear-groups",
+          "--pdeathsig=KILL",
+          "perl",
+          "-e",
+          code};
+}
 
 void SetUser(const std::string& name) {
   std::string ini = "[UserInfo]\nSysUserName=" + name + "\n[Aum]\n";
@@ -112,12 +106,9 @@ TEST_F(HomeAttack, LinksFifosAndSwapsOnTheDesktopLendNothing) {
                "ln /home/victim res5.desktop"),
             "");
   // Swaps a link to root's file in for res4 as fast as it can.
-  const Racer racer([] {
-    for (;;) {
-      (void)!symlink("/opt/victim", (kDesk + "/.swap").c_str());
-      rename((kDesk + "/.swap").c_str(), (kDesk + "/res4.desktop").c_str());
-    }
-  });
+  const Process racer(AsAlice("chdir '" + kDesk +
+                              "'; while (1) { symlink '/opt/victim', '.swap'; " +
+                              "rename '.swap', 'res4.desktop' }"));
   RunUntilServing();
   for (const char* name : {"res1", "res2", "res3", "res5", "client"})
     EXPECT_EQ(Refusals(kDesk + "/" + name + ".desktop"), 1) << name;
@@ -155,12 +146,8 @@ TEST_F(HomeAttack, ChmodForAMissingDesktopRunsAsItsOwnerNeverRoot) {
   ASSERT_EQ(Sh("cd /home/alice && rm -r Desktop && mkdir prep && ln -s /opt/victim "
                "prep/client.desktop && chown -hR alice: prep"),
             "");
-  const Racer racer([] {
-    for (;;) {
-      rename("/home/alice/prep", "/home/alice/桌面");
-      rename("/home/alice/桌面", "/home/alice/prep");
-    }
-  });
+  const Process racer(
+      AsAlice("chdir '/home/alice'; while (1) { rename 'prep', '桌面'; rename '桌面', 'prep' }"));
   // Each start has about one chance in four to hit the gap.
   for (int run = 0; run < 6 && Sh(kUntouched) == before_; ++run) RunUntilServing();
 }

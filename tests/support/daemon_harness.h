@@ -117,9 +117,7 @@ inline void PrepareInstallation(const std::string& sandboxId) {
   WriteFile(sdp_paths::kAumScript, "#!/bin/sh\nexit 0\n", 0755);
   if (!sandboxId.empty())
     WriteFile(sdp_paths::kSafespaceIni, "[SafeWorkSpace]\nSandboxID=" + sandboxId + "\n");
-  std::ofstream(std::string("/proc/sys/net/ipv6/conf/") + testsupport::kSandboxIfName +
-                "/disable_ipv6")
-      << "1\n";
+  std::ofstream("/proc/sys/net/ipv6/conf/vtest0/disable_ipv6") << "1\n";  // the sandbox's
 }
 
 // The argument vectors a fake ("dravinSSO.sh", "sdpPopup.sh", "notify-send")
@@ -127,10 +125,9 @@ inline void PrepareInstallation(const std::string& sandboxId) {
 // then leaves "<record>.done" beside its record.
 inline std::vector<std::vector<std::string>> RecordedCalls(const std::string& name) {
   std::vector<std::vector<std::string>> calls;
-  glob_t records{};  // complete ones only: no dot in the name
-  glob((std::string(detail::kRecordDir) + "/" + name + "/*[0-9]").c_str(), 0, nullptr, &records);
-  for (size_t i = 0; i < records.gl_pathc; ++i) calls.push_back(detail::Lines(records.gl_pathv[i]));
-  globfree(&records);
+  std::error_code ec;  // complete records only: no dot in their names
+  for (const auto& e : std::filesystem::directory_iterator(detail::kRecordDir + ("/" + name), ec))
+    if (!e.path().has_extension()) calls.push_back(detail::Lines(e.path()));
   return calls;
 }
 

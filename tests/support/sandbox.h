@@ -13,18 +13,16 @@
 
 namespace testsupport {
 
-// The address the sandbox's default-route interface carries.
-inline constexpr char kSandboxIfName[] = "vtest0";
+// The address the sandbox's default-route interface (vtest0) carries.
 inline constexpr char kSandboxIpv4[] = "10.0.0.5";
 
 // kUserNs: an unprivileged user namespace in which the caller is root and no
 // other uid exists. kRealRoot: real root in a mount + network namespace only,
 // with a private /etc/passwd and /etc/group, for tests in which a second uid
-// acts: alice (the desktop user, who owns /home/alice, also in group
-// deskgroup 1500) and mallory (another local user).
+// acts: alice (uid and gid 1000, the desktop user, who owns /home/alice, also
+// in group deskgroup 1500) and mallory (another local user).
 enum class SandboxKind { kUserNs, kRealRoot };
-inline constexpr unsigned kDesktopUid = 1000;  // alice; her gid too
-inline constexpr unsigned kOtherUid = 1001;    // mallory; his gid too
+inline constexpr unsigned kOtherUid = 1001;  // mallory; his gid too
 
 // Enters the sandbox. `keep` lists directories (source and build trees) that
 // must stay reachable at their own paths even when they lie under a directory
