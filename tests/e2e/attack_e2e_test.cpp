@@ -6,8 +6,6 @@
 // and on reconnection; and the commands run in alice's session as alice.
 // Nothing outside her desktop may change, and the daemon must still serve the
 // real peer.
-#include <sys/mount.h>
-
 #include "daemon_harness.h"
 
 namespace {
@@ -41,12 +39,6 @@ std::vector<std::string> AsAlice(const std::string& code) {
           code};
 }
 
-void SetUser(const std::string& name) {
-  std::string ini = "[UserInfo]\nSysUserName=" + name + "\n[Aum]\n";
-  for (const char* s : kSources) ini += std::string(s) + "=https://" + s + "\n";
-  WriteFile(sdp_paths::kUserinfoIni, ini + "[CustomJumpPolicy]\nJumpBrowser=vrek\n");
-}
-
 // Listens on the daemon's socket as `uid` (the daemon sees the effective
 // uid at listen()) and sends kTouch as soon as the daemon connects.
 bool Serve(sdppeer::PeerServer& peer, uid_t uid = 0) {
@@ -71,12 +63,14 @@ class HomeAttack : public ::testing::Test {
            "/opt/victimdir/client.desktop /home/victim; do echo secret >$f; chmod 600 $f; " +
            "done && chmod 666 /home/victim"),
         "");
-    std::string json;
-    for (const char* s : kSources)
+    std::string json, ini = "[UserInfo]\nSysUserName=alice\n[Aum]\n";
+    for (const char* s : kSources) {
       json += std::string(json.empty() ? "" : ",") +
               R"({"isCreateIconInSandbox":1,"AppName":"App","source":")" + s + "\"}";
+      ini += std::string(s) + "=https://" + s + "\n";
+    }
     WriteFile(sdp_paths::kResourceJson, R"({"GatewayConfig":[)" + json + "]}");
-    SetUser("alice");
+    WriteFile(sdp_paths::kUserinfoIni, ini + "[CustomJumpPolicy]\nJumpBrowser=vrek\n");
     WriteFile(std::string(sdp_paths::kClientApplicationsDir) + "/client.desktop",
               "[Desktop Entry]\n");
     before_ = Sh(kUntouched);
@@ -123,7 +117,6 @@ TEST_F(HomeAttack, LinksFifosAndSwapsOnTheDesktopLendNothing) {
 
 TEST_F(HomeAttack, ADesktopReplacedByALinkLosesAndGainsNothingThere) {
   RunUntilServing();  // records ok.desktop and client.desktop on the desktop
-  ASSERT_TRUE(Exists(kDesk + "/ok.desktop"));
   ASSERT_EQ(Sh("cd /home/alice && mv Desktop Desktop.old && ln -s /opt/victimdir Desktop && "
                "chown -h alice: Desktop"),
             "");
@@ -133,7 +126,8 @@ TEST_F(HomeAttack, ADesktopReplacedByALinkLosesAndGainsNothingThere) {
 
 TEST_F(HomeAttack, UserNamesThatLeaveTheHomesOrEndAShellWordAreRefused) {
   for (const std::string name : {"x|touch /tmp/pwned|x", "../opt/evil"}) {
-    SetUser(name);
+    ASSERT_EQ(Sh("sed -i 's#^SysUserName=.*#SysUserName=" + name + "#' " + sdp_paths::kUserinfoIni),
+              "");
     RunUntilServing();
     EXPECT_GE(Refusals(sdp_paths::kHomeDir + name), 1) << name;
   }
@@ -158,8 +152,9 @@ TEST_F(HomeAttack, ChmodForAMissingDesktopRunsAsItsOwnerNeverRoot) {
 class DesktopSession : public HomeAttack {};
 
 TEST_F(DesktopSession, CommandsRunAsTheDesktopUserInHerSession) {
-  ASSERT_EQ(mount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"), 0);
-  ASSERT_EQ(Sh("mkdir -p /run/user/1000 && chown alice: /run/user/1000"), "");
+  ASSERT_EQ(Sh("mount -t tmpfs -o mode=0755,nosuid,nodev tmpfs /run && mkdir -p /run/user/1000 && "
+               "chown alice: /run/user/1000"),
+            "");
   sdppeer::PeerServer bus;  // /run stays mounted: the host's would be under it
   ASSERT_TRUE(bus.Listen("/run/user/1000/bus"));
   RunUntilServing();
@@ -171,16 +166,13 @@ TEST_F(DesktopSession, CommandsRunAsTheDesktopUserInHerSession) {
   ASSERT_TRUE(run_.peer->SendFrame(2, 0x501, "x; id -u > /tmp/notify.uid; true #"));
   ASSERT_TRUE(run_.peer->SendFrame(2, 0x306, "; id -u > /tmp/portal.uid"));
   ASSERT_TRUE(run_.peer->SendFrame(2, 0x1001, "; id -u > /tmp/popup.uid"));
-  ASSERT_TRUE(run_.daemon->WaitLog(kResult, 10s, 2));
-  std::string line;  // the last result: the start-up's "true" comes first
-  for (const auto& l : run_.daemon->Log())
-    if (l.text.rfind(kResult, 0) == 0) line = l.text.substr(kResult.size());
-  EXPECT_EQ(line,
-            "1 1000|1000 1500|/home/alice|alice|alice|/run/user/1000|unix:path=/run/user/1000/bus|"
-            "/home/alice|SigBlk:0000000000000000SigIgn:0000000000000000|");
+  EXPECT_TRUE(run_.daemon->WaitLog(
+      kResult +
+          "1 1000|1000 1500|/home/alice|alice|alice|/run/user/1000|unix:path=/run/user/1000/" +
+          "bus|/home/alice|SigBlk:0000000000000000SigIgn:0000000000000000|",
+      10s));
   for (const char* file : {"/tmp/notify.uid", "/tmp/portal.uid", "/tmp/popup.uid"})
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(file) == "1000\n"; }, 10s)) << file;
-  EXPECT_EQ(run_.daemon->Count("command refused", "error"), 0);
   ExpectCleanStop(*run_.daemon);
 }
 
@@ -223,10 +215,10 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
     EXPECT_TRUE(WaitUntil([] { return Exists("/tmp/marker"); }, 15s));
     if (!mallory) continue;
     const int refused = daemon.Count("not trusted: " + foreign, "error");
-    peer.StopListening();
-    peer.CloseAllConnections();
     unlink("/tmp/marker");
-    ASSERT_TRUE(Serve(peer, testsupport::kOtherUid));
+    peer.StopListening();  // as root, who may remove the socket
+    ASSERT_TRUE(Serve(peer, testsupport::kOtherUid));  // before the old connection goes
+    peer.CloseAllConnections();
     EXPECT_TRUE(daemon.WaitLog("not trusted: " + foreign, 15s, refused + 2, "error"));
     EXPECT_FALSE(Exists("/tmp/marker"));
     ASSERT_TRUE(Serve(peer));

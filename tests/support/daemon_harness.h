@@ -20,7 +20,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -152,9 +151,8 @@ class Process {
     std::vector<std::string> args = env;
     if (!env.empty()) args.insert(args.begin(), "/usr/bin/env");
     args.insert(args.end(), argv.begin(), argv.end());
-    std::vector<char*> cargv;
-    for (auto& a : args) cargv.push_back(a.data());
-    cargv.push_back(nullptr);
+    std::vector<char*> cargv(args.size() + 1);  // ends in nullptr
+    std::transform(args.begin(), args.end(), cargv.begin(), [](auto& a) { return a.data(); });
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
@@ -222,14 +220,13 @@ class Daemon : public Process {
     for (const std::string& line : detail::Lines(std::string(sdp_paths::kLogDir) + "/tolvarind." +
                                                  severity + ".*." + std::to_string(pid_))) {
       // "I20261122 03:54:45.123456  1234 file.cpp:12] text"
-      char sev = 0, file[256];
+      char file[256];
       int h, m, s, us, n = 0;
       unsigned long tid;
-      std::sscanf(line.c_str(), "%c%*8d %2d:%2d:%2d.%6d %lu %255[^:]:%*d]%n", &sev, &h, &m, &s, &us,
-                  &tid, file, &n);
-      if (n > 0 && std::strchr("IWEF", sev))
-        records.push_back({((h * 60 + m) * 60 + s) * 1000000LL + us, tid, file,
-                           line.substr(std::min<size_t>(line.size(), n + 1))});
+      std::sscanf(line.c_str(), "%*1[IWEF]%*8d %2d:%2d:%2d.%6d %lu %255[^:]:%*d]%*1[ ]%n", &h, &m,
+                  &s, &us, &tid, file, &n);
+      if (n > 0)
+        records.push_back({((h * 60 + m) * 60 + s) * 1000000LL + us, tid, file, line.substr(n)});
       else if (!records.empty())
         records.back().text += "\n" + line;
     }
@@ -336,8 +333,6 @@ class SharedRun : public ::testing::Test {
   static void TearDownTestSuite() {
     if (daemon_ && daemon_->Running()) ExpectCleanStop(*daemon_);
     run_ = DaemonRun();
-    peer_ = nullptr;
-    daemon_ = nullptr;
     error_.clear();
   }
   void SetUp() override {
