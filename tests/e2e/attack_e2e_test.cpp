@@ -12,7 +12,7 @@ namespace {
 
 using namespace harness;
 const std::string kDesk = "/home/alice/Desktop", kCfs = sdp_paths::kCfsDir;
-const std::string kApps = sdp_paths::kSystemApplicationsDir, kTouch = "touch /tmp/marker";
+const std::string kApps = sdp_paths::kSystemApplicationsDir;
 const std::string kResult = " got SANDBOX_S2B_OPENBSAPP message from server res:";
 const char* const kSources[] = {"res1", "res2", "res3", "res4", "res5", "../../../opt/trav", "ok"};
 // Type, mode, owner and bytes of root's files around alice's home, which she
@@ -27,23 +27,16 @@ std::string Sh(const std::string& cmd) {
   return ReadFile("/tmp/sh.out");
 }
 
-// alice running perl's `code` until the end of the scope (or of the test).
+// alice running perl's `code` until the end of the scope.
 std::vector<std::string> AsAlice(const std::string& code) {
-  return {"setpriv",
-          "--reuid=alice",
-          "--regid=alice",
-          "--clear-groups",
-          "--pdeathsig=KILL",
-          "perl",
-          "-e",
-          code};
+  return {"setpriv", "--reuid=alice", "--regid=alice", "--clear-groups", "perl", "-e", code};
 }
 
 // Listens on the daemon's socket as `uid` (the daemon sees the effective
-// uid at listen()) and sends kTouch as soon as the daemon connects.
+// uid at listen()) and has /tmp/marker touched as soon as the daemon connects.
 bool Serve(sdppeer::PeerServer& peer, uid_t uid = 0) {
   peer.SetConnectionCallback([&peer](uint64_t, bool up) {
-    if (up) peer.SendFrame(2, 0x301, kTouch);
+    if (up) peer.SendFrame(2, 0x301, "touch /tmp/marker");
   });
   const bool listening = seteuid(uid) == 0 && peer.Listen(sdp_paths::kDaemonSocket);
   return seteuid(0) == 0 && listening;
@@ -100,9 +93,9 @@ TEST_F(HomeAttack, LinksFifosAndSwapsOnTheDesktopLendNothing) {
                "ln /home/victim res5.desktop"),
             "");
   // Swaps a link to root's file in for res4 as fast as it can.
-  const Process racer(AsAlice("chdir '" + kDesk +
-                              "'; while (1) { symlink '/opt/victim', '.swap'; " +
-                              "rename '.swap', 'res4.desktop' }"));
+  const Process racer(
+      AsAlice("alarm 30; chdir '/home/alice/Desktop'; while (1) { symlink "
+              "'/opt/victim', '.swap'; rename '.swap', 'res4.desktop' }"));
   RunUntilServing();
   for (const char* name : {"res1", "res2", "res3", "res5", "client"})
     EXPECT_EQ(Refusals(kDesk + "/" + name + ".desktop"), 1) << name;
@@ -140,8 +133,8 @@ TEST_F(HomeAttack, ChmodForAMissingDesktopRunsAsItsOwnerNeverRoot) {
   ASSERT_EQ(Sh("cd /home/alice && rm -r Desktop && mkdir prep && ln -s /opt/victim "
                "prep/client.desktop && chown -hR alice: prep"),
             "");
-  const Process racer(
-      AsAlice("chdir '/home/alice'; while (1) { rename 'prep', '桌面'; rename '桌面', 'prep' }"));
+  const Process racer(AsAlice(
+      "alarm 30; chdir '/home/alice'; while (1) { rename 'prep', '桌面'; rename '桌面', 'prep' }"));
   // Each start has about one chance in four to hit the gap.
   for (int run = 0; run < 6 && Sh(kUntouched) == before_; ++run) RunUntilServing();
 }
@@ -216,7 +209,7 @@ TEST(Authority, RefusesSquattedDirectoryForgedFileAndForeignPeerUntilTheRealPeer
     if (!mallory) continue;
     const int refused = daemon.Count("not trusted: " + foreign, "error");
     unlink("/tmp/marker");
-    peer.StopListening();  // as root, who may remove the socket
+    peer.StopListening();                              // as root, who may remove the socket
     ASSERT_TRUE(Serve(peer, testsupport::kOtherUid));  // before the old connection goes
     peer.CloseAllConnections();
     EXPECT_TRUE(daemon.WaitLog("not trusted: " + foreign, 15s, refused + 2, "error"));
