@@ -344,4 +344,31 @@ TEST(Termination, TerminationExitsWithStatusZeroAfterOneLineEvenMidLineAndACrash
   }
 }
 
+// A bare installation: no log directory, no scripts, no notify-send. The
+// daemon registers, heartbeats, comes back after a loss and runs commands; a
+// missing program fails only its own command, and nothing makes the log
+// directory for it.
+TEST(BrokenInstallation, RunsWithoutLogDirectoryScriptsOrNotifySend) {
+  PrepareInstallation("abc");
+  for (const std::string& path :
+       {std::string(sdp_paths::kSsoScript), std::string(sdp_paths::kPopupScript),
+        std::string(kFakeBinDir) + "/notify-send"})
+    ASSERT_EQ(unlink(path.c_str()), 0) << path;
+  ASSERT_EQ(rmdir(sdp_paths::kLogDir), 0);
+  DaemonRun run;
+  ASSERT_EQ(run.Start(), "");
+  ASSERT_TRUE(run.peer->WaitFrame(0x1005, 10s).has_value());
+  ASSERT_TRUE(run.RunsCommand("ready", 30s));
+  ASSERT_TRUE(run.NextHeartbeat().has_value());
+  for (const auto& [m, code, body] :
+       Frames{{2, 0x306, "https://portal"}, {2, 0x1001, "t b"}, {2, 0x501, "app"}})
+    ASSERT_TRUE(run.peer->SendFrame(m, code, body));
+  EXPECT_TRUE(run.RunsCommand("bare"));
+  run.peer->CloseConnection();
+  ASSERT_TRUE(run.peer->WaitAccepted(2, 3s));
+  EXPECT_TRUE(run.RunsCommand("bare-again"));
+  EXPECT_FALSE(Exists(sdp_paths::kLogDir));
+  ExpectCleanStop(*run.daemon);
+}
+
 }  // namespace
