@@ -159,6 +159,7 @@ TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
       {Get("/x?a<b"), "HTTP/1.1 400", "", "It's not a good URI. Sending BADREQUEST"},
       {Get("/open?id=42"), ok, std::string("id=42\0", 6), "got query:id=42"},
       {Get("/?"), ok, std::string(1, '\0'), "got query:"},
+      {Get("/?a%20b"), ok, std::string("a%20b\0", 6), "got query:a%20b"},  // raw, never decoded
       {post(65536, std::string(65536, 'b')), ok, std::string("body\0", 5), "got query:body"},
       {post(65537, ""), big, "", ""},
       {Get("/?hdr", pad(128 * 1024)), ok, std::string("hdr\0", 4), "got query:hdr"},
@@ -178,7 +179,7 @@ TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
     EXPECT_TRUE(c.log.empty() || log_.has(c.log)) << c.log;
     if (!c.frame.empty()) frames.push_back(c.frame);
   }
-  EXPECT_EQ(log_.count_prefix("got query:"), 2 + 5);
+  EXPECT_EQ(log_.count_prefix("got query:"), 2 + 6);
   std::vector<std::string> relayed;
   for (const auto& f : peer_.WaitFrames(frames.size(), 5s, [](const sdppeer::Frame& f) {
          return f.s_cmd == SDP_PROTO_HTTPS_QUERY && f.m_cmd == MCMD_TO_DAEMON;
@@ -190,8 +191,8 @@ TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
   EXPECT_TRUE(sigaction(SIGINT, nullptr, &now) == 0 && now.sa_handler == SIG_DFL);
 }
 
-// A local user cannot exhaust the endpoint: idle, slow and surplus connections
-// are closed or wait outside, accept errors pause the listener instead of
+// A local user cannot exhaust the endpoint: idle and surplus connections are
+// closed by their deadline or wait outside, accept errors pause the listener instead of
 // spinning, and the endpoint serves afterwards.
 TEST_F(HttpsEndpointTest, IdleSlowAndSurplusConnectionsCannotExhaustTheEndpoint) {
   client_.SetHttpsLimits({1000ms, 64, 300ms});
