@@ -191,6 +191,26 @@ TEST_F(HttpsEndpointTest, ServesTlsOnLoopbackAndRelaysEachRawQuery) {
   EXPECT_TRUE(sigaction(SIGINT, nullptr, &now) == 0 && now.sa_handler == SIG_DFL);
 }
 
+// A port in use is deliberately not fatal (the loop has nothing to wait for);
+// a missing key is. Either way a later SIGINT must not reach the ended loop.
+TEST_F(HttpsEndpointTest, FailedSetUpEndsTheRunAndDropsTheHandler) {
+  WriteFile(sdp_paths::kSyscfgIni, "[Pelgrane]\nvrekhttpsport=7199\n");
+  const int holder = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{AF_INET, htons(7199), {htonl(INADDR_LOOPBACK)}, {}};
+  ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr) | listen(holder, 1), 0);
+  EXPECT_EQ(client_.start_https_server(), 0);
+  close(holder);
+  const auto texts = log_.texts();
+  const auto bound = std::find(texts.begin(), texts.end(), "Failed to bind to port");
+  EXPECT_NE(std::find(bound, texts.end(), "Failed to run message loop."), texts.end());
+  EXPECT_FALSE(shutdown_handler);
+  WriteFile(sdp_paths::kCertinfoIni, "[Cert]\nCliKeyName=absent.key\n");
+  EXPECT_EQ(client_.start_https_server(), -1);
+  EXPECT_TRUE(log_.has("client key:/opt/apps/morvasta/certs/absent.key"));
+  EXPECT_TRUE(log_.has("Failed to load private key file.", google::GLOG_ERROR));
+  EXPECT_FALSE(shutdown_handler);
+}
+
 // A local user cannot exhaust the endpoint: idle and surplus connections are
 // closed by their deadline or wait outside, accept errors pause the listener instead of
 // spinning, and the endpoint serves afterwards.
