@@ -78,6 +78,11 @@ TEST_F(LauncherPlacement, ResourcesWithAddressAndBrowserGetBothFilesRecordedEach
   EXPECT_EQ(Read(kApps + "mail01.desktop"), text);
   const std::string twice = kDesk + "mail01.desktop\n" + kApps + "mail01.desktop\n";
   EXPECT_EQ(Read(kRecord), twice + twice);
+  // An address but no browser to open it: no launcher.
+  fs::remove(kDesk + "mail01.desktop");
+  Write(sdp_paths::kUserinfoIni, user + "[Aum]\nmail01=https://m\n");
+  EXPECT_TRUE(icons.produceDesktopFile(resources));
+  EXPECT_EQ(Read(kDesk + "mail01.desktop"), "<none>");
 }
 
 // Only what is placed is recorded; the user's own and the system's files are left alone.
