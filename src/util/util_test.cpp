@@ -98,6 +98,15 @@ TEST(CommandUser, RunsAsTheAccountOnlyWhenRootCanAndTheNameIsOne) {
   EXPECT_EQ(util::DecideCommandUser(true, "", false), CommandUser::kDaemon);
   EXPECT_EQ(util::DecideCommandUser(true, "../root", true), CommandUser::kRefused);
   EXPECT_EQ(util::DecideCommandUser(false, "a;id", false), CommandUser::kDaemon);
+
+  // The daemon's own entries stay, in order; the session's are the account's.
+  const char* base[] = {"PATH=/bin", "HOME=/root", "DBUS_SESSION_BUS_ADDRESS=x", "TZ=:UTC",
+                        nullptr};
+  EXPECT_EQ(util::SessionEnvironment(base, {"alice", 1000, 1000, "/home/alice", {}}, false),
+            (std::vector<std::string>{"PATH=/bin", "TZ=:UTC", "HOME=/home/alice", "USER=alice",
+                                      "LOGNAME=alice", "XDG_RUNTIME_DIR=/run/user/1000"}));
+  for (const char* name : {"a/b", ".a", "a\tb", "a\x7f"}) EXPECT_FALSE(util::IsPlainFileName(name));
+  EXPECT_TRUE(util::IsPlainFileName("mail 01.x~"));
 }
 
 }  // namespace
