@@ -65,6 +65,23 @@ TEST(SandboxPolicy, AppendsItemsOfEveryMatchingPolicyAndTakesTheLastName) {
           no("policyid") + "|I boxid : 7|I boxid : 8");
 }
 
+// Only a flag of 1 counts; a resource without a name or a source is skipped with a line.
+TEST(ResourceList, AppendsUsableResourcesAndLogsEachSkip) {
+  std::vector<SAppDesktop> out;
+  testsupport::LogCapture capture;
+  const std::string f = "{'isCreateIconInSandbox':";
+  EXPECT_TRUE(policyanalyzer::ReadResourceTree(
+      Parse("{'GatewayConfig':[" + f + "0,'AppName':'z','source':'z'}," + f +
+            "1,'AppName':'A','source':'a'},{'AppName':'m','source':'m'}," + f +
+            "1,'AppName':'B'}," + f + "1,'AppName':null,'source':'d'}]}")
+          .get(),
+      out));
+  EXPECT_TRUE(out.size() == 1 && out[0].name == "A" && out[0].exec == "a");
+  EXPECT_EQ(Logs(capture),
+            "|E appname:A source: a|E isCreateIconInSandbox not exist2"
+            "|E source not exist3|E AppName not exist4");
+}
+
 // The whitelist entries read from `text`, each after a "|".
 std::string Whitelist(std::string text, const char* mode = "r") {
   std::unique_ptr<FILE, int (*)(FILE*)> in(fmemopen(text.data(), text.size(), mode), fclose);

@@ -4,10 +4,8 @@
 
 #include <glog/logging.h>
 
-#include <chrono>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace testsupport {
@@ -50,15 +48,6 @@ class LogCapture : public google::LogSink {
     int n = 0;
     for (const auto& r : records()) n += r.text.compare(0, prefix.size(), prefix) == 0;
     return n;
-  }
-  // Polls until a record starting with `prefix` appears or the deadline passes.
-  bool wait_prefix(const std::string& prefix, std::chrono::milliseconds deadline) const {
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    while (count_prefix(prefix) == 0) {
-      if (std::chrono::steady_clock::now() >= end) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
   }
   void clear() {
     std::lock_guard<std::mutex> lock(mu_);
